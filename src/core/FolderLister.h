@@ -1,0 +1,14 @@
+#pragma once
+
+#include "SharedFolder.h"
+
+#include <QJsonObject>
+#include <QList>
+#include <QString>
+
+// local_list_files: one level of one folder, or the list of shared folders.
+class FolderLister {
+public:
+    // Throws ToolError, or FileSystemError when the directory cannot be read.
+    static QJsonObject list(const QString& path, const QList<SharedFolder>& folders);
+};
