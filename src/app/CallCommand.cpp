@@ -19,7 +19,8 @@ int usageError(QTextStream& err, const QString& message) {
 } // namespace
 
 QString CallCommand::usage() {
-    return QStringLiteral("usage: quillmar-companion call METHOD [PARAMS_JSON] [--folder NAME=PATH]...");
+    return QStringLiteral(
+        "usage: quillmar-companion call METHOD [PARAMS_JSON] [--folder NAME=PATH]...");
 }
 
 int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream& err) {
@@ -50,9 +51,10 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
             QJsonParseError parseError;
             const QJsonDocument document = QJsonDocument::fromJson(argument.toUtf8(), &parseError);
             if (parseError.error != QJsonParseError::NoError) {
-                return usageError(err, QStringLiteral("PARAMS_JSON is not valid JSON (%1 at offset %2)")
-                                           .arg(parseError.errorString())
-                                           .arg(parseError.offset));
+                return usageError(err,
+                                  QStringLiteral("PARAMS_JSON is not valid JSON (%1 at offset %2)")
+                                      .arg(parseError.errorString())
+                                      .arg(parseError.offset));
             }
             if (!document.isObject()) {
                 return usageError(err, QStringLiteral("PARAMS_JSON must be a JSON object"));
@@ -66,14 +68,16 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
 
         const qsizetype equals = folderSpec.indexOf(u'=');
         if (equals <= 0 || equals == folderSpec.size() - 1) {
-            return usageError(err, QStringLiteral("--folder needs NAME=PATH, got '%1'").arg(folderSpec));
+            return usageError(err,
+                              QStringLiteral("--folder needs NAME=PATH, got '%1'").arg(folderSpec));
         }
         QString path = folderSpec.mid(equals + 1);
         // Shared folders are absolute; a relative PATH is taken from the current directory.
         if (!QDir::isAbsolutePath(path)) {
             path = QDir::cleanPath(QDir::current().absoluteFilePath(path));
         }
-        folders.append(SharedFolder{QUuid::createUuid(), folderSpec.left(equals), path, std::nullopt});
+        folders.append(
+            SharedFolder{QUuid::createUuid(), folderSpec.left(equals), path, std::nullopt});
         foldersGiven = true;
     }
     if (!haveMethod) {

@@ -91,7 +91,8 @@ public:
         : m_wildcard(query.contains(u'*') || query.contains(u'?') || query.contains(u'[')) {
         if (m_wildcard) {
             m_pattern = query.toUtf8();
-            m_patternAscii = isAscii(m_pattern.constData(), static_cast<std::size_t>(m_pattern.size()));
+            m_patternAscii =
+                isAscii(m_pattern.constData(), static_cast<std::size_t>(m_pattern.size()));
         } else {
             m_lowerQuery = query.normalized(QString::NormalizationForm_C).toLower();
             m_lowerQueryAscii = isAscii(m_lowerQuery);
@@ -113,7 +114,8 @@ public:
             asciiLower(name, length, m_scratch);
             return m_scratch.find(m_lowerQueryBytes) != std::string::npos;
         }
-        const QString decoded = QFile::decodeName(QByteArray::fromRawData(name, static_cast<qsizetype>(length)));
+        const QString decoded =
+            QFile::decodeName(QByteArray::fromRawData(name, static_cast<qsizetype>(length)));
         return decoded.normalized(QString::NormalizationForm_C).toLower().contains(m_lowerQuery);
     }
 

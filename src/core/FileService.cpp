@@ -3,6 +3,7 @@
 #include "FileReader.h"
 #include "FileSearcher.h"
 #include "FileSystemError.h"
+#include "FileWriter.h"
 #include "FolderLister.h"
 #include "JsonParams.h"
 #include "PathResolver.h"
@@ -29,6 +30,9 @@ QCoro::Task<QJsonObject> FileService::handle(QString method, QJsonObject params,
         }
         if (method == u"local_search_files") {
             co_return FileSearcher::search(params, folders);
+        }
+        if (method == u"local_write_file") {
+            co_return co_await FileWriter::write(params, folders);
         }
     } catch (const ToolError& error) {
         co_return errorObject(error.message());

@@ -143,9 +143,8 @@ QJsonObject FolderLister::list(const QString& path, const QList<SharedFolder>& f
             {QStringLiteral("modified"), modified}});
     }
 
-    const QString inner = resolved.item == resolved.root
-                              ? QString()
-                              : resolved.item.mid(resolved.root.size() + 1);
+    const QString inner =
+        resolved.item == resolved.root ? QString() : resolved.item.mid(resolved.root.size() + 1);
     QString folderName;
     for (const SharedFolder& folder : folders) {
         if (folder.path == resolved.root) {

@@ -5,7 +5,9 @@
 
 namespace {
 
-QString upperCaseUuid(const QUuid& id) { return id.toString(QUuid::WithoutBraces).toUpper(); }
+QString upperCaseUuid(const QUuid& id) {
+    return id.toString(QUuid::WithoutBraces).toUpper();
+}
 
 // A JSON string literal for `text`, escaped by Qt's writer.
 QByteArray jsonString(const QString& text) {

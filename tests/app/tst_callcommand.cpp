@@ -51,35 +51,46 @@ private slots:
     }
 
     void printsOneCompactLineAndExitsZero() {
-        const Run r = run({QStringLiteral("call"), QStringLiteral("local_read_file"), QStringLiteral(R"({"path":"Docs/a.txt"})"),
-                           QStringLiteral("--folder"), QStringLiteral("Docs=") + tree.path(QStringLiteral("Docs"))});
+        const Run r = run({QStringLiteral("call"), QStringLiteral("local_read_file"),
+                           QStringLiteral(R"({"path":"Docs/a.txt"})"), QStringLiteral("--folder"),
+                           QStringLiteral("Docs=") + tree.path(QStringLiteral("Docs"))});
         QCOMPARE(r.exitCode, 0);
         QCOMPARE(r.err, QByteArray());
-        const QByteArray expected = "{\"content\":\"h\xc3\xa9llo \\\"quoted\\\"\\n\",\"path\":\"Docs/a.txt\",\"truncated\":false}\n";
+        const QByteArray expected =
+            "{\"content\":\"h\xc3\xa9llo "
+            "\\\"quoted\\\"\\n\",\"path\":\"Docs/a.txt\",\"truncated\":false}\n";
         QCOMPARE(r.out, expected);
     }
 
     void errorObjectExitsOne() {
-        const Run r = run({QStringLiteral("call"), QStringLiteral("local_read_file"), QStringLiteral(R"({"path":"Docs/../../etc/passwd"})"),
+        const Run r = run({QStringLiteral("call"), QStringLiteral("local_read_file"),
+                           QStringLiteral(R"({"path":"Docs/../../etc/passwd"})"),
                            QStringLiteral("--folder=Docs=") + tree.path(QStringLiteral("Docs"))});
         QCOMPARE(r.exitCode, 1);
-        QCOMPARE(parseLine(r.out), (QJsonObject{{QStringLiteral("error"), QStringLiteral("Path escapes the shared folder.")}}));
+        QCOMPARE(parseLine(r.out),
+                 (QJsonObject{{QStringLiteral("error"),
+                               QStringLiteral("Path escapes the shared folder.")}}));
     }
 
     void foldersKeepTheirOrder() {
         const Run r = run({QStringLiteral("call"), QStringLiteral("local_list_files"),
-                           QStringLiteral("--folder"), QStringLiteral("Pics=") + tree.path(QStringLiteral("Pics")),
-                           QStringLiteral("--folder"), QStringLiteral("Docs=") + tree.path(QStringLiteral("Docs"))});
+                           QStringLiteral("--folder"),
+                           QStringLiteral("Pics=") + tree.path(QStringLiteral("Pics")),
+                           QStringLiteral("--folder"),
+                           QStringLiteral("Docs=") + tree.path(QStringLiteral("Docs"))});
         QCOMPARE(r.exitCode, 0);
         const QJsonArray items = parseLine(r.out).value(QStringLiteral("items")).toArray();
         QCOMPARE(items.size(), 2);
-        QCOMPARE(items[0].toObject().value(QStringLiteral("name")).toString(), QStringLiteral("Pics"));
-        QCOMPARE(items[1].toObject().value(QStringLiteral("name")).toString(), QStringLiteral("Docs"));
+        QCOMPARE(items[0].toObject().value(QStringLiteral("name")).toString(),
+                 QStringLiteral("Pics"));
+        QCOMPARE(items[1].toObject().value(QStringLiteral("name")).toString(),
+                 QStringLiteral("Docs"));
     }
 
     void relativeFolderPathIsTakenFromTheCurrentDirectory() {
-        const Run r = run({QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral(R"({"path":"Docs/sub"})"),
-                           QStringLiteral("--folder"), QStringLiteral("Docs=./Docs")},
+        const Run r = run({QStringLiteral("call"), QStringLiteral("local_list_files"),
+                           QStringLiteral(R"({"path":"Docs/sub"})"), QStringLiteral("--folder"),
+                           QStringLiteral("Docs=./Docs")},
                           tree.path());
         QCOMPARE(r.exitCode, 0);
         const QJsonObject result = parseLine(r.out);
@@ -90,24 +101,36 @@ private slots:
     void withoutFoldersNothingIsShared() {
         const Run r = run({QStringLiteral("call"), QStringLiteral("local_list_files")});
         QCOMPARE(r.exitCode, 0);
-        QCOMPARE(r.out, QByteArray(R"({"count":0,"items":[],"path":""})" "\n"));
+        QCOMPARE(r.out, QByteArray(R"({"count":0,"items":[],"path":""})"
+                                   "\n"));
     }
 
     void unknownMethodExitsOne() {
         const Run r = run({QStringLiteral("call"), QStringLiteral("nope"), QStringLiteral("{}")});
         QCOMPARE(r.exitCode, 1);
-        QCOMPARE(r.out, QByteArray(R"({"error":"Unknown method: nope"})" "\n"));
+        QCOMPARE(r.out, QByteArray(R"({"error":"Unknown method: nope"})"
+                                   "\n"));
     }
 
     void badUsageExitsTwoWithOneLine_data() {
         QTest::addColumn<QStringList>("arguments");
-        QTest::newRow("bad json") << QStringList{QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("{nope")};
-        QTest::newRow("json array") << QStringList{QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("[1]")};
-        QTest::newRow("unknown option") << QStringList{QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("--fast")};
-        QTest::newRow("folder without value") << QStringList{QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("--folder")};
-        QTest::newRow("folder without name") << QStringList{QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("--folder"), QStringLiteral("=/tmp")};
-        QTest::newRow("folder without path") << QStringList{QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("--folder"), QStringLiteral("A=")};
-        QTest::newRow("two params") << QStringList{QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("{}"), QStringLiteral("{}")};
+        QTest::newRow("bad json") << QStringList{
+            QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("{nope")};
+        QTest::newRow("json array") << QStringList{
+            QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("[1]")};
+        QTest::newRow("unknown option") << QStringList{
+            QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("--fast")};
+        QTest::newRow("folder without value") << QStringList{
+            QStringLiteral("call"), QStringLiteral("local_list_files"), QStringLiteral("--folder")};
+        QTest::newRow("folder without name")
+            << QStringList{QStringLiteral("call"), QStringLiteral("local_list_files"),
+                           QStringLiteral("--folder"), QStringLiteral("=/tmp")};
+        QTest::newRow("folder without path")
+            << QStringList{QStringLiteral("call"), QStringLiteral("local_list_files"),
+                           QStringLiteral("--folder"), QStringLiteral("A=")};
+        QTest::newRow("two params")
+            << QStringList{QStringLiteral("call"), QStringLiteral("local_list_files"),
+                           QStringLiteral("{}"), QStringLiteral("{}")};
     }
     void badUsageExitsTwoWithOneLine() {
         QFETCH(QStringList, arguments);

@@ -9,7 +9,8 @@
 
 namespace {
 
-QJsonObject call(const QString& method, const QJsonObject& params, const QList<SharedFolder>& folders) {
+QJsonObject call(const QString& method, const QJsonObject& params,
+                 const QList<SharedFolder>& folders) {
     return QCoro::waitFor(FileService::handle(method, params, folders));
 }
 
@@ -29,13 +30,16 @@ private slots:
     void initTestCase() {
         tree.file(QStringLiteral("Reports/a.txt"), "alpha");
         tree.file(QStringLiteral("Photos/p.jpg"), "jpg");
-        folders = {SharedFolder{QUuid::createUuid(), QStringLiteral("Reports"), tree.path(QStringLiteral("Reports")), std::nullopt},
-                   SharedFolder{QUuid::createUuid(), QStringLiteral("Photos"), tree.path(QStringLiteral("Photos")), std::nullopt}};
+        folders = {SharedFolder{QUuid::createUuid(), QStringLiteral("Reports"),
+                                tree.path(QStringLiteral("Reports")), std::nullopt},
+                   SharedFolder{QUuid::createUuid(), QStringLiteral("Photos"),
+                                tree.path(QStringLiteral("Photos")), std::nullopt}};
     }
 
     void emptyMethodIsUnknownWithTrailingBlank() {
         const QJsonObject result = call(QString(), {}, folders);
-        QCOMPARE(result, (QJsonObject{{QStringLiteral("error"), QStringLiteral("Unknown method: ")}}));
+        QCOMPARE(result,
+                 (QJsonObject{{QStringLiteral("error"), QStringLiteral("Unknown method: ")}}));
     }
 
     void methodNamesAreCaseSensitive_data() {
@@ -47,29 +51,36 @@ private slots:
     }
     void methodNamesAreCaseSensitive() {
         QFETCH(QString, method);
-        const QJsonObject result = call(method, {{QStringLiteral("path"), QStringLiteral("Reports")}}, folders);
-        QCOMPARE(result, (QJsonObject{{QStringLiteral("error"), QStringLiteral("Unknown method: ") + method}}));
+        const QJsonObject result =
+            call(method, {{QStringLiteral("path"), QStringLiteral("Reports")}}, folders);
+        QCOMPARE(result, (QJsonObject{{QStringLiteral("error"),
+                                       QStringLiteral("Unknown method: ") + method}}));
     }
 
-    void writingIsNotAvailableYet() {
-        const QJsonObject result = call(QStringLiteral("local_write_file"),
-                                        {{QStringLiteral("path"), QStringLiteral("Reports/new.txt")},
-                                         {QStringLiteral("content"), QStringLiteral("x")}},
-                                        folders);
-        QCOMPARE(errorOf(result), QStringLiteral("Unknown method: local_write_file"));
+    void writingWithoutAnApproverIsRefused() {
+        const QJsonObject result =
+            call(QStringLiteral("local_write_file"),
+                 {{QStringLiteral("path"), QStringLiteral("Reports/new.txt")},
+                  {QStringLiteral("content"), QStringLiteral("x")}},
+                 folders);
+        QCOMPARE(result, (QJsonObject{{QStringLiteral("error"),
+                                       QStringLiteral("Write was declined on the user's Mac.")}}));
         QVERIFY(!QFile::exists(tree.path(QStringLiteral("Reports/new.txt"))));
     }
 
     void listWithNumericPathListsTheSharedFolders() {
-        const QJsonObject result = call(QStringLiteral("local_list_files"), {{QStringLiteral("path"), 7}}, folders);
+        const QJsonObject result =
+            call(QStringLiteral("local_list_files"), {{QStringLiteral("path"), 7}}, folders);
         QCOMPARE(result.value(QStringLiteral("path")).toString(), QString());
         QCOMPARE(result.value(QStringLiteral("count")).toInteger(), 2);
         const QJsonArray items = result.value(QStringLiteral("items")).toArray();
-        QCOMPARE(items.at(0).toObject(), (QJsonObject{{QStringLiteral("name"), QStringLiteral("Reports")},
-                                                      {QStringLiteral("type"), QStringLiteral("folder")},
-                                                      {QStringLiteral("size_bytes"), QJsonValue::Null},
-                                                      {QStringLiteral("modified"), 0}}));
-        QCOMPARE(items.at(1).toObject().value(QStringLiteral("name")).toString(), QStringLiteral("Photos"));
+        QCOMPARE(items.at(0).toObject(),
+                 (QJsonObject{{QStringLiteral("name"), QStringLiteral("Reports")},
+                              {QStringLiteral("type"), QStringLiteral("folder")},
+                              {QStringLiteral("size_bytes"), QJsonValue::Null},
+                              {QStringLiteral("modified"), 0}}));
+        QCOMPARE(items.at(1).toObject().value(QStringLiteral("name")).toString(),
+                 QStringLiteral("Photos"));
     }
 
     void readWithEmptyPathNeedsAPath_data() {
@@ -85,10 +96,12 @@ private slots:
     }
 
     void searchWithoutQueryNeedsAQuery() {
-        QCOMPARE(call(QStringLiteral("local_search_files"), {{QStringLiteral("query"), 3}}, folders),
-                 (QJsonObject{{QStringLiteral("error"), QStringLiteral("A 'query' is required.")}}));
-        QCOMPARE(call(QStringLiteral("local_search_files"), {}, folders),
-                 (QJsonObject{{QStringLiteral("error"), QStringLiteral("A 'query' is required.")}}));
+        QCOMPARE(
+            call(QStringLiteral("local_search_files"), {{QStringLiteral("query"), 3}}, folders),
+            (QJsonObject{{QStringLiteral("error"), QStringLiteral("A 'query' is required.")}}));
+        QCOMPARE(
+            call(QStringLiteral("local_search_files"), {}, folders),
+            (QJsonObject{{QStringLiteral("error"), QStringLiteral("A 'query' is required.")}}));
     }
 
     // Successes never carry "error"; failures carry nothing else.
@@ -97,14 +110,31 @@ private slots:
         QTest::addColumn<QJsonObject>("params");
         QTest::addColumn<bool>("fails");
         QTest::newRow("list root") << QStringLiteral("local_list_files") << QJsonObject{} << false;
-        QTest::newRow("list folder") << QStringLiteral("local_list_files") << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports")}} << false;
-        QTest::newRow("list missing") << QStringLiteral("local_list_files") << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports/nope")}} << true;
-        QTest::newRow("list file") << QStringLiteral("local_list_files") << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports/a.txt")}} << true;
-        QTest::newRow("list escape") << QStringLiteral("local_list_files") << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports/../..")}} << true;
-        QTest::newRow("read") << QStringLiteral("local_read_file") << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports/a.txt")}} << false;
-        QTest::newRow("read missing") << QStringLiteral("local_read_file") << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports/b.txt")}} << true;
-        QTest::newRow("read unknown folder") << QStringLiteral("local_read_file") << QJsonObject{{QStringLiteral("path"), QStringLiteral("Nope/b.txt")}} << true;
-        QTest::newRow("search") << QStringLiteral("local_search_files") << QJsonObject{{QStringLiteral("query"), QStringLiteral("a")}} << false;
+        QTest::newRow("list folder")
+            << QStringLiteral("local_list_files")
+            << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports")}} << false;
+        QTest::newRow("list missing")
+            << QStringLiteral("local_list_files")
+            << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports/nope")}} << true;
+        QTest::newRow("list file")
+            << QStringLiteral("local_list_files")
+            << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports/a.txt")}} << true;
+        QTest::newRow("list escape")
+            << QStringLiteral("local_list_files")
+            << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports/../..")}} << true;
+        QTest::newRow("read") << QStringLiteral("local_read_file")
+                              << QJsonObject{{QStringLiteral("path"),
+                                              QStringLiteral("Reports/a.txt")}}
+                              << false;
+        QTest::newRow("read missing")
+            << QStringLiteral("local_read_file")
+            << QJsonObject{{QStringLiteral("path"), QStringLiteral("Reports/b.txt")}} << true;
+        QTest::newRow("read unknown folder")
+            << QStringLiteral("local_read_file")
+            << QJsonObject{{QStringLiteral("path"), QStringLiteral("Nope/b.txt")}} << true;
+        QTest::newRow("search") << QStringLiteral("local_search_files")
+                                << QJsonObject{{QStringLiteral("query"), QStringLiteral("a")}}
+                                << false;
         QTest::newRow("unknown") << QStringLiteral("x") << QJsonObject{} << true;
     }
     void resultEnvelopeShape() {
@@ -122,13 +152,21 @@ private slots:
     }
 
     void exactToolErrorTexts() {
-        QCOMPARE(errorOf(call(QStringLiteral("local_list_files"), {{QStringLiteral("path"), QStringLiteral("Reports/nope/")}}, folders)),
-                 QStringLiteral("Path not found: Reports/nope/"));
-        QCOMPARE(errorOf(call(QStringLiteral("local_list_files"), {{QStringLiteral("path"), QStringLiteral("Reports/a.txt")}}, folders)),
-                 QStringLiteral("Path is a file, not a folder. Use local_read_file."));
-        QCOMPARE(errorOf(call(QStringLiteral("local_read_file"), {{QStringLiteral("path"), QStringLiteral("/Reports/none.txt")}}, folders)),
-                 QStringLiteral("File not found: /Reports/none.txt"));
-        QCOMPARE(errorOf(call(QStringLiteral("local_read_file"), {{QStringLiteral("path"), QStringLiteral("Reports/../Photos/p.jpg")}}, folders)),
+        QCOMPARE(
+            errorOf(call(QStringLiteral("local_list_files"),
+                         {{QStringLiteral("path"), QStringLiteral("Reports/nope/")}}, folders)),
+            QStringLiteral("Path not found: Reports/nope/"));
+        QCOMPARE(
+            errorOf(call(QStringLiteral("local_list_files"),
+                         {{QStringLiteral("path"), QStringLiteral("Reports/a.txt")}}, folders)),
+            QStringLiteral("Path is a file, not a folder. Use local_read_file."));
+        QCOMPARE(
+            errorOf(call(QStringLiteral("local_read_file"),
+                         {{QStringLiteral("path"), QStringLiteral("/Reports/none.txt")}}, folders)),
+            QStringLiteral("File not found: /Reports/none.txt"));
+        QCOMPARE(errorOf(call(QStringLiteral("local_read_file"),
+                              {{QStringLiteral("path"), QStringLiteral("Reports/../Photos/p.jpg")}},
+                              folders)),
                  QStringLiteral("Path escapes the shared folder."));
     }
 
@@ -142,13 +180,16 @@ private slots:
     }
 
     void foldersAreOnlyThoseGiven() {
-        const QJsonObject result = call(QStringLiteral("local_read_file"), {{QStringLiteral("path"), QStringLiteral("Reports/a.txt")}}, {});
+        const QJsonObject result =
+            call(QStringLiteral("local_read_file"),
+                 {{QStringLiteral("path"), QStringLiteral("Reports/a.txt")}}, {});
         QVERIFY(errorOf(result).startsWith(QStringLiteral("No shared folder named 'Reports'.")));
     }
 
     void checkedIntegerCasts() {
         const auto read = [](const QJsonValue& value) {
-            return JsonParams::integer(QJsonObject{{QStringLiteral("n"), value}}, QStringLiteral("n"));
+            return JsonParams::integer(QJsonObject{{QStringLiteral("n"), value}},
+                                       QStringLiteral("n"));
         };
         QCOMPARE(read(5), std::optional<qint64>(5));
         QCOMPARE(read(-3), std::optional<qint64>(-3));
@@ -159,10 +200,12 @@ private slots:
         QCOMPARE(read(QJsonValue::Null), std::nullopt);
         QCOMPARE(read(1e300), std::nullopt);
         const QJsonObject parsed = QJsonDocument::fromJson("{\"n\":9007199254740993}").object();
-        QCOMPARE(JsonParams::integer(parsed, QStringLiteral("n")), std::optional<qint64>(9007199254740993LL));
+        QCOMPARE(JsonParams::integer(parsed, QStringLiteral("n")),
+                 std::optional<qint64>(9007199254740993LL));
         QCOMPARE(JsonParams::integer({}, QStringLiteral("n")), std::nullopt);
         QCOMPARE(JsonParams::string({{QStringLiteral("s"), 1}}, QStringLiteral("s")), std::nullopt);
-        QCOMPARE(JsonParams::string({{QStringLiteral("s"), QString()}}, QStringLiteral("s")), std::optional<QString>(QString()));
+        QCOMPARE(JsonParams::string({{QStringLiteral("s"), QString()}}, QStringLiteral("s")),
+                 std::optional<QString>(QString()));
     }
 };
 

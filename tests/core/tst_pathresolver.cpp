@@ -11,8 +11,9 @@ SharedFolder folder(const QString& name, const QString& path) {
     return SharedFolder{QUuid::createUuid(), name, path, std::nullopt};
 }
 
-const QList<SharedFolder> twoFolders{folder(QStringLiteral("Reports"), QStringLiteral("/Users/u/Reports")),
-                                     folder(QStringLiteral("Photos"), QStringLiteral("/Users/u/Photos"))};
+const QList<SharedFolder> twoFolders{
+    folder(QStringLiteral("Reports"), QStringLiteral("/Users/u/Reports")),
+    folder(QStringLiteral("Photos"), QStringLiteral("/Users/u/Photos"))};
 
 QString errorOf(const QString& path, const QList<SharedFolder>& folders) {
     try {
@@ -50,13 +51,15 @@ private slots:
     }
 
     void dotDotInsideStaysInside() {
-        const auto resolved = PathResolver::resolve(QStringLiteral("Reports/sub/../a.txt"), twoFolders);
+        const auto resolved =
+            PathResolver::resolve(QStringLiteral("Reports/sub/../a.txt"), twoFolders);
         QCOMPARE(resolved.item, QStringLiteral("/Users/u/Reports/a.txt"));
     }
 
     void siblingPrefixIsRefused() {
-        const QList<SharedFolder> folders{folder(QStringLiteral("Reports"), QStringLiteral("/Users/u/Rep")),
-                                          folder(QStringLiteral("Other"), QStringLiteral("/o"))};
+        const QList<SharedFolder> folders{
+            folder(QStringLiteral("Reports"), QStringLiteral("/Users/u/Rep")),
+            folder(QStringLiteral("Other"), QStringLiteral("/o"))};
         QCOMPARE(errorOf(QStringLiteral("Reports/../Rep2/x"), folders), escapes);
         QCOMPARE(errorOf(QStringLiteral("Reports/.."), folders), escapes);
         QCOMPARE(errorOf(QStringLiteral("Reports/a/../../b"), folders), escapes);
@@ -64,15 +67,17 @@ private slots:
     }
 
     void folderNameIsCaseSensitive() {
-        QCOMPARE(errorOf(QStringLiteral("reports/a.txt"), twoFolders),
-                 QStringLiteral("No shared folder named 'reports'. Prefix the path with a folder name. "
-                                "Shared folders: Reports, Photos."));
+        QCOMPARE(
+            errorOf(QStringLiteral("reports/a.txt"), twoFolders),
+            QStringLiteral("No shared folder named 'reports'. Prefix the path with a folder name. "
+                           "Shared folders: Reports, Photos."));
     }
 
     void unknownFolderMessage() {
-        QCOMPARE(errorOf(QStringLiteral("Docs/x"), twoFolders),
-                 QStringLiteral("No shared folder named 'Docs'. Prefix the path with a folder name. "
-                                "Shared folders: Reports, Photos."));
+        QCOMPARE(
+            errorOf(QStringLiteral("Docs/x"), twoFolders),
+            QStringLiteral("No shared folder named 'Docs'. Prefix the path with a folder name. "
+                           "Shared folders: Reports, Photos."));
     }
 
     void noFoldersNamesNone_data() {
@@ -85,8 +90,10 @@ private slots:
     void noFoldersNamesNone() {
         QFETCH(QString, path);
         QFETCH(QString, named);
-        QCOMPARE(errorOf(path, {}), QStringLiteral("No shared folder named '") + named +
-                                        QStringLiteral("'. Prefix the path with a folder name. Shared folders: (none)."));
+        QCOMPARE(
+            errorOf(path, {}),
+            QStringLiteral("No shared folder named '") + named +
+                QStringLiteral("'. Prefix the path with a folder name. Shared folders: (none)."));
     }
 
     void emptyPathWithTwoFoldersNamesNothing() {
@@ -97,19 +104,24 @@ private slots:
 
     void singleFolderFallback() {
         const QList<SharedFolder> one{folder(QStringLiteral("Work"), QStringLiteral("/w"))};
-        QCOMPARE(PathResolver::resolve(QStringLiteral("a.txt"), one).item, QStringLiteral("/w/a.txt"));
+        QCOMPARE(PathResolver::resolve(QStringLiteral("a.txt"), one).item,
+                 QStringLiteral("/w/a.txt"));
         QCOMPARE(PathResolver::resolve(QString(), one).item, QStringLiteral("/w"));
         QCOMPARE(PathResolver::resolve(QStringLiteral("/"), one).item, QStringLiteral("/w"));
-        QCOMPARE(PathResolver::resolve(QStringLiteral("Other/a.txt"), one).item, QStringLiteral("/w/Other/a.txt"));
-        QCOMPARE(PathResolver::resolve(QStringLiteral("Work/a.txt"), one).item, QStringLiteral("/w/a.txt"));
+        QCOMPARE(PathResolver::resolve(QStringLiteral("Other/a.txt"), one).item,
+                 QStringLiteral("/w/Other/a.txt"));
+        QCOMPARE(PathResolver::resolve(QStringLiteral("Work/a.txt"), one).item,
+                 QStringLiteral("/w/a.txt"));
         QCOMPARE(PathResolver::resolve(QStringLiteral("Work"), one).item, QStringLiteral("/w"));
         QCOMPARE(errorOf(QStringLiteral("../w2"), one), escapes);
     }
 
     void firstOfTwoSameNamedFoldersWins() {
-        const QList<SharedFolder> folders{folder(QStringLiteral("Docs"), QStringLiteral("/first")),
-                                          folder(QStringLiteral("Docs"), QStringLiteral("/second"))};
-        QCOMPARE(PathResolver::resolve(QStringLiteral("Docs/x"), folders).root, QStringLiteral("/first"));
+        const QList<SharedFolder> folders{
+            folder(QStringLiteral("Docs"), QStringLiteral("/first")),
+            folder(QStringLiteral("Docs"), QStringLiteral("/second"))};
+        QCOMPARE(PathResolver::resolve(QStringLiteral("Docs/x"), folders).root,
+                 QStringLiteral("/first"));
     }
 
     void filesystemRootAcceptsOnlyItself() {
@@ -120,8 +132,9 @@ private slots:
     }
 
     void blankPathIsPresentAndNamesABlankFolder() {
-        QCOMPARE(PathResolver::requirePath(QJsonObject{{QStringLiteral("path"), QStringLiteral(" ")}}),
-                 QStringLiteral(" "));
+        QCOMPARE(
+            PathResolver::requirePath(QJsonObject{{QStringLiteral("path"), QStringLiteral(" ")}}),
+            QStringLiteral(" "));
         QCOMPARE(errorOf(QStringLiteral(" "), twoFolders),
                  QStringLiteral("No shared folder named ' '. Prefix the path with a folder name. "
                                 "Shared folders: Reports, Photos."));
@@ -136,7 +149,8 @@ private slots:
         QTest::newRow("empty") << QJsonObject{{QStringLiteral("path"), QString()}};
         QTest::newRow("number") << QJsonObject{{QStringLiteral("path"), 5}};
         QTest::newRow("null") << QJsonObject{{QStringLiteral("path"), QJsonValue::Null}};
-        QTest::newRow("array") << QJsonObject{{QStringLiteral("path"), QJsonArray{QStringLiteral("a")}}};
+        QTest::newRow("array") << QJsonObject{
+            {QStringLiteral("path"), QJsonArray{QStringLiteral("a")}}};
     }
     void requirePathRejectsMissingEmptyAndMistyped() {
         QFETCH(QJsonObject, params);
@@ -149,7 +163,8 @@ private slots:
     }
 
     void requirePathKeepsThePathUntrimmed() {
-        QCOMPARE(PathResolver::requirePath(QJsonObject{{QStringLiteral("path"), QStringLiteral("/R/a.txt/")}}),
+        QCOMPARE(PathResolver::requirePath(
+                     QJsonObject{{QStringLiteral("path"), QStringLiteral("/R/a.txt/")}}),
                  QStringLiteral("/R/a.txt/"));
     }
 
@@ -159,8 +174,9 @@ private slots:
     }
 
     void storedPathIsStandardisedForTheRoot() {
-        const QList<SharedFolder> folders{folder(QStringLiteral("R"), QStringLiteral("/a/./b//c/../R/")),
-                                          folder(QStringLiteral("S"), QStringLiteral("/s"))};
+        const QList<SharedFolder> folders{
+            folder(QStringLiteral("R"), QStringLiteral("/a/./b//c/../R/")),
+            folder(QStringLiteral("S"), QStringLiteral("/s"))};
         const auto resolved = PathResolver::resolve(QStringLiteral("R/x"), folders);
         QCOMPARE(resolved.root, QStringLiteral("/a/b/R"));
         QCOMPARE(resolved.item, QStringLiteral("/a/b/R/x"));
@@ -169,7 +185,8 @@ private slots:
     void canonicallyEquivalentNamesMatch() {
         const QList<SharedFolder> folders{folder(QStringLiteral("Caf\u00e9"), QStringLiteral("/c")),
                                           folder(QStringLiteral("x"), QStringLiteral("/x"))};
-        QCOMPARE(PathResolver::resolve(QStringLiteral("Cafe\u0301/a"), folders).item, QStringLiteral("/c/a"));
+        QCOMPARE(PathResolver::resolve(QStringLiteral("Cafe\u0301/a"), folders).item,
+                 QStringLiteral("/c/a"));
     }
 
     void standardizeIsLexical() {
@@ -178,12 +195,15 @@ private slots:
         QCOMPARE(PathResolver::standardize(QStringLiteral("/a/../../b")), QStringLiteral("/b"));
         QCOMPARE(PathResolver::standardize(QStringLiteral("//a//b/")), QStringLiteral("/a/b"));
         QCOMPARE(PathResolver::standardize(QStringLiteral("/a/.../b")), QStringLiteral("/a/.../b"));
-        QCOMPARE(PathResolver::standardize(QStringLiteral("rel")), QDir::currentPath() + QStringLiteral("/rel"));
+        QCOMPARE(PathResolver::standardize(QStringLiteral("rel")),
+                 QDir::currentPath() + QStringLiteral("/rel"));
     }
 
     void nulBytesNeverReachTheSystem() {
-        QVERIFY(!PathResolver::nativePath(QStringLiteral("/a/..") + QChar(u'\0') + QStringLiteral("/b")));
-        QCOMPARE(PathResolver::nativePath(QStringLiteral("/a/\u00e9")), std::optional<QByteArray>("/a/\xc3\xa9"));
+        QVERIFY(!PathResolver::nativePath(QStringLiteral("/a/..") + QChar(u'\0') +
+                                          QStringLiteral("/b")));
+        QCOMPARE(PathResolver::nativePath(QStringLiteral("/a/\u00e9")),
+                 std::optional<QByteArray>("/a/\xc3\xa9"));
         // A NUL after ".." must not turn into a real ".." once the string is cut at the NUL.
         const QString sneaky = QStringLiteral("Reports/..") + QChar(u'\0');
         const auto resolved = PathResolver::resolve(sneaky, twoFolders);

@@ -8,14 +8,18 @@ class SharedFolderTest : public QObject {
 
 private:
     static SharedFolder sample(std::optional<QByteArray> bookmark = std::nullopt) {
-        return SharedFolder{QUuid::fromString(QStringLiteral("0f8fad5b-d9cb-469f-a165-70867728950e")),
-                            QStringLiteral("Reports"), QStringLiteral("/home/u/Reports"), bookmark};
+        return SharedFolder{
+            QUuid::fromString(QStringLiteral("0f8fad5b-d9cb-469f-a165-70867728950e")),
+            QStringLiteral("Reports"), QStringLiteral("/home/u/Reports"), bookmark};
     }
 
 private slots:
     void encodesWithoutBookmarkAsThreeKeys() {
         const QByteArray json = sample().toJson();
-        QCOMPARE(json, QByteArray(R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"Reports","path":"/home/u/Reports"})"));
+        QCOMPARE(
+            json,
+            QByteArray(
+                R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"Reports","path":"/home/u/Reports"})"));
         const QJsonObject object = QJsonDocument::fromJson(json).object();
         QCOMPARE(object.size(), 3);
         QCOMPARE(SharedFolder::fromJsonObject(object), sample());
@@ -26,11 +30,13 @@ private slots:
         const QByteArray json = folder.toJson();
         QVERIFY(json.endsWith(R"(,"bookmark":"AAH+/w=="})"));
         QCOMPARE(SharedFolder::fromJsonObject(QJsonDocument::fromJson(json).object()), folder);
-        QCOMPARE(folder.toJsonObject().value(QStringLiteral("bookmark")).toString(), QStringLiteral("AAH+/w=="));
+        QCOMPARE(folder.toJsonObject().value(QStringLiteral("bookmark")).toString(),
+                 QStringLiteral("AAH+/w=="));
     }
 
     void idIsUpperCase36Characters() {
-        const SharedFolder folder{QUuid::createUuid(), QStringLiteral("a"), QStringLiteral("/a"), std::nullopt};
+        const SharedFolder folder{QUuid::createUuid(), QStringLiteral("a"), QStringLiteral("/a"),
+                                  std::nullopt};
         const QString id = folder.toJsonObject().value(QStringLiteral("id")).toString();
         QCOMPARE(id.size(), 36);
         QCOMPARE(id, id.toUpper());
@@ -57,8 +63,10 @@ private slots:
     }
 
     void nullBookmarkDecodesAsAbsent() {
-        const auto folder = SharedFolder::fromJsonObject(QJsonDocument::fromJson(
-            R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"Reports","path":"/home/u/Reports","bookmark":null})").object());
+        const auto folder = SharedFolder::fromJsonObject(
+            QJsonDocument::fromJson(
+                R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"Reports","path":"/home/u/Reports","bookmark":null})")
+                .object());
         QVERIFY(folder);
         QVERIFY(!folder->bookmark.has_value());
         QCOMPARE(*folder, sample());
@@ -67,13 +75,19 @@ private slots:
     void missingOrMistypedRequiredKeysDoNotDecode_data() {
         QTest::addColumn<QByteArray>("json");
         QTest::newRow("no id") << QByteArray(R"({"name":"R","path":"/r"})");
-        QTest::newRow("no name") << QByteArray(R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","path":"/r"})");
-        QTest::newRow("no path") << QByteArray(R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"R"})");
+        QTest::newRow("no name") << QByteArray(
+            R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","path":"/r"})");
+        QTest::newRow("no path") << QByteArray(
+            R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"R"})");
         QTest::newRow("id number") << QByteArray(R"({"id":5,"name":"R","path":"/r"})");
-        QTest::newRow("id not uuid") << QByteArray(R"({"id":"not-a-uuid-at-all-not-a-uuid-at-al","name":"R","path":"/r"})");
-        QTest::newRow("name null") << QByteArray(R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":null,"path":"/r"})");
-        QTest::newRow("bookmark number") << QByteArray(R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"R","path":"/r","bookmark":3})");
-        QTest::newRow("bookmark not base64") << QByteArray(R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"R","path":"/r","bookmark":"!!"})");
+        QTest::newRow("id not uuid")
+            << QByteArray(R"({"id":"not-a-uuid-at-all-not-a-uuid-at-al","name":"R","path":"/r"})");
+        QTest::newRow("name null") << QByteArray(
+            R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":null,"path":"/r"})");
+        QTest::newRow("bookmark number") << QByteArray(
+            R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"R","path":"/r","bookmark":3})");
+        QTest::newRow("bookmark not base64") << QByteArray(
+            R"({"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"R","path":"/r","bookmark":"!!"})");
     }
     void missingOrMistypedRequiredKeysDoNotDecode() {
         QFETCH(QByteArray, json);
@@ -81,25 +95,30 @@ private slots:
     }
 
     void lowerCaseIdDecodes() {
-        const auto folder = SharedFolder::fromJsonObject(QJsonDocument::fromJson(
-            R"({"id":"0f8fad5b-d9cb-469f-a165-70867728950e","name":"Reports","path":"/home/u/Reports"})").object());
+        const auto folder = SharedFolder::fromJsonObject(
+            QJsonDocument::fromJson(
+                R"({"id":"0f8fad5b-d9cb-469f-a165-70867728950e","name":"Reports","path":"/home/u/Reports"})")
+                .object());
         QVERIFY(folder);
         QCOMPARE(*folder, sample());
     }
 
     void listRoundTripsInOrder() {
-        const QList<SharedFolder> folders{sample(QByteArray("bm")),
-                                          SharedFolder{QUuid::createUuid(), QStringLiteral("Фото \"x\"/y"),
-                                                       QStringLiteral("/home/u/Фото"), std::nullopt}};
+        const QList<SharedFolder> folders{
+            sample(QByteArray("bm")),
+            SharedFolder{QUuid::createUuid(), QStringLiteral("Фото \"x\"/y"),
+                         QStringLiteral("/home/u/Фото"), std::nullopt}};
         const QByteArray json = SharedFolder::encodeList(folders);
         QVERIFY(json.startsWith("[{\"id\":"));
         QCOMPARE(SharedFolder::decodeList(json), std::optional<QList<SharedFolder>>(folders));
         QCOMPARE(SharedFolder::encodeList({}), QByteArray("[]"));
-        QCOMPARE(SharedFolder::decodeList("[]"), std::optional<QList<SharedFolder>>(QList<SharedFolder>{}));
+        QCOMPARE(SharedFolder::decodeList("[]"),
+                 std::optional<QList<SharedFolder>>(QList<SharedFolder>{}));
     }
 
     void oneBadRecordFailsTheWholeList() {
-        QVERIFY(!SharedFolder::decodeList(R"([{"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"R","path":"/r"},{"name":"x"}])"));
+        QVERIFY(!SharedFolder::decodeList(
+            R"([{"id":"0F8FAD5B-D9CB-469F-A165-70867728950E","name":"R","path":"/r"},{"name":"x"}])"));
         QVERIFY(!SharedFolder::decodeList("{}"));
         QVERIFY(!SharedFolder::decodeList("not json"));
         QVERIFY(!SharedFolder::decodeList("[1]"));

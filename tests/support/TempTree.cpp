@@ -10,11 +10,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-TempTree::TempTree() { QVERIFY2(m_dir.isValid(), "cannot create a temporary directory"); }
+TempTree::TempTree() {
+    QVERIFY2(m_dir.isValid(), "cannot create a temporary directory");
+}
 
 TempTree::~TempTree() {
     // Tests take permissions away; give them back so the tree can be removed.
-    QDirIterator it(m_dir.path(), QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot | QDir::NoSymLinks,
+    QDirIterator it(m_dir.path(),
+                    QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot | QDir::NoSymLinks,
                     QDirIterator::Subdirectories);
     ::chmod(QFile::encodeName(m_dir.path()).constData(), 0700);
     while (it.hasNext()) {
@@ -34,7 +37,8 @@ QString TempTree::file(const QString& relative, const QByteArray& bytes) const {
     const QString full = path(relative);
     QDir().mkpath(QFileInfo(full).absolutePath());
     QFile file(full);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size()) {
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
+        file.write(bytes) != bytes.size()) {
         qFatal("cannot write %s", qPrintable(full));
     }
     return full;
@@ -49,7 +53,8 @@ QString TempTree::dir(const QString& relative) const {
 QString TempTree::symlink(const QString& relative, const QString& target) const {
     const QString full = path(relative);
     QDir().mkpath(QFileInfo(full).absolutePath());
-    if (::symlink(QFile::encodeName(target).constData(), QFile::encodeName(full).constData()) != 0) {
+    if (::symlink(QFile::encodeName(target).constData(), QFile::encodeName(full).constData()) !=
+        0) {
         qFatal("cannot create link %s", qPrintable(full));
     }
     return full;

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <QString>
+
+// Where this application keeps its things. Everything persistent lives under the XDG base
+// directories, so HOME / XDG_CONFIG_HOME / XDG_DATA_HOME isolate an instance completely.
+class AppIdentity {
+public:
+    // Reverse-DNS identifier: secret-store service, desktop file and settings folder name.
+    static QString id();
+    // $XDG_CONFIG_HOME/app.quillmar.companion
+    static QString configDirectory();
+    // $XDG_DATA_HOME/app.quillmar.companion
+    static QString dataDirectory();
+};

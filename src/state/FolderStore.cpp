@@ -1,0 +1,138 @@
+#include "FolderStore.h"
+
+#include "AppSettings.h"
+#include "FolderChooser.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QHash>
+#include <QSet>
+#include <QUrl>
+
+namespace {
+
+// Folder id -> the path whose access this process started. Main thread only.
+QHash<QUuid, QString>& activeURLs() {
+    static QHash<QUuid, QString> table;
+    return table;
+}
+
+void startAccessing(const QUuid& id, const QString& path) {
+    activeURLs().insert(id, path);
+}
+
+} // namespace
+
+QString FolderStore::settingsKey() {
+    return QStringLiteral("shared_folders");
+}
+
+QList<SharedFolder> FolderStore::load() {
+    const std::optional<QByteArray> stored = AppSettings::data(settingsKey());
+    if (!stored) {
+        return {};
+    }
+    return SharedFolder::decodeList(*stored).value_or(QList<SharedFolder>{});
+}
+
+void FolderStore::save(const QList<SharedFolder>& folders) {
+    AppSettings::setData(settingsKey(), SharedFolder::encodeList(folders));
+}
+
+std::optional<QByteArray> FolderStore::makeBookmark(const QString& path) {
+    if (!QDir::isAbsolutePath(path)) {
+        return std::nullopt;
+    }
+    return QUrl::fromLocalFile(path).toEncoded();
+}
+
+std::optional<QString> FolderStore::resolveBookmark(const QByteArray& bookmark) {
+    const QUrl url = QUrl::fromEncoded(bookmark, QUrl::StrictMode);
+    if (!url.isValid() || !url.isLocalFile()) {
+        return std::nullopt;
+    }
+    QString path = url.toLocalFile();
+    // Like a folder's URL path: no trailing slash except for the root.
+    while (path.size() > 1 && path.endsWith(u'/')) {
+        path.chop(1);
+    }
+    if (!QFileInfo(path).isDir()) {
+        return std::nullopt; // the folder is gone
+    }
+    return path;
+}
+
+QList<SharedFolder> FolderStore::activate(const QList<SharedFolder>& folders) {
+    QList<SharedFolder> result;
+    result.reserve(folders.size());
+    for (const SharedFolder& folder : folders) {
+        if (!folder.bookmark) {
+            result.append(folder);
+            continue;
+        }
+        const std::optional<QString> resolved = resolveBookmark(*folder.bookmark);
+        if (!resolved) {
+            result.append(folder);
+            continue;
+        }
+        startAccessing(folder.id, *resolved);
+        SharedFolder refreshed = folder;
+        refreshed.path = *resolved;
+        result.append(refreshed);
+    }
+    return result;
+}
+
+QString FolderStore::uniqueName(const QString& base, const QList<SharedFolder>& existing) {
+    QSet<QString> taken;
+    for (const SharedFolder& folder : existing) {
+        taken.insert(folder.name);
+    }
+    QString name = base;
+    for (int counter = 2; taken.contains(name); ++counter) {
+        name = base + u' ' + QString::number(counter);
+    }
+    return name;
+}
+
+SharedFolder FolderStore::makeRecord(const QString& path, const QList<SharedFolder>& existing) {
+    QString clean = path;
+    while (clean.size() > 1 && clean.endsWith(u'/')) {
+        clean.chop(1);
+    }
+    const QString base = clean == u"/" ? QStringLiteral("/") : clean.section(u'/', -1);
+    SharedFolder folder{QUuid::createUuid(), uniqueName(base, existing), clean,
+                        makeBookmark(clean)};
+    startAccessing(folder.id, clean);
+    return folder;
+}
+
+std::optional<SharedFolder> FolderStore::pick(const QList<SharedFolder>& existing) {
+    const std::shared_ptr<FolderChooser> chooser = FolderChooser::installed();
+    if (!chooser) {
+        return std::nullopt;
+    }
+    const std::optional<QString> chosen = chooser->chooseFolder(
+        QStringLiteral("Share with agents"),
+        QStringLiteral("Choose a folder Quillmar agents may read and write."));
+    if (!chosen || chosen->isEmpty()) {
+        return std::nullopt;
+    }
+    return makeRecord(*chosen, existing);
+}
+
+void FolderStore::deactivate(const QUuid& id) {
+    activeURLs().remove(id);
+}
+
+std::optional<QString> FolderStore::activePath(const QUuid& id) {
+    const auto it = activeURLs().constFind(id);
+    if (it == activeURLs().constEnd()) {
+        return std::nullopt;
+    }
+    return *it;
+}
+
+qsizetype FolderStore::activeCount() {
+    return activeURLs().size();
+}
