@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QCoroTask>
+#include <QString>
+
+#include <chrono>
+#include <optional>
+
+// Keeps the one secret of the companion, the device token, under service
+// "app.quillmar.companion" and account "device_token".
+//
+// Where it goes: the desktop's secret store whenever one is reachable on the session bus.
+// Only where there is none at all (no session bus, or nothing on it provides a secret
+// service; a headless server, say) does the token go to a private file instead (TokenFile).
+// A store that is there but fails or is not unlocked in time is a failure, never a reason to
+// write the token to disk. Loading follows the same choice; while the store is reachable a
+// token left in the file from a session without one is moved into the store, and the file
+// never survives a save or delete made with the store.
+//
+// The operations are coroutines so that the event loop keeps running while the store answers
+// (or the user unlocks it). They never fail towards the caller: a failed save leaves no token,
+// a failed load is the same as none, a failed delete keeps the old token. Each waits for the
+// store at most secretStoreTimeout(), and operations started one after another take effect in
+// that order.
+class Keychain {
+public:
+    // Long enough for the user to unlock a locked keyring, short of forever.
+    static constexpr std::chrono::minutes defaultSecretStoreTimeout{2};
+
+    static QCoro::Task<> saveToken(QString token);
+    static QCoro::Task<std::optional<QString>> loadToken();
+    static QCoro::Task<> deleteToken();
+
+    // Pins the backend instead of choosing per call; for tests and diagnostics.
+    enum class Backend { Automatic, SecretStore, TokenFile };
+    static void setBackend(Backend backend);
+    static Backend backend();
+    // For tests that need a store which never answers to give up soon.
+    static void setSecretStoreTimeout(std::chrono::milliseconds timeout);
+    static std::chrono::milliseconds secretStoreTimeout();
+
+    static QString service();
+    static QString account();
+};

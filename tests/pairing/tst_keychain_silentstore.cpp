@@ -1,0 +1,63 @@
+// The token store against a secret service that never answers: every operation gives up after
+// the time-out, reports nothing, and does not fall back to the file. Run through ctest, which
+// starts it on a private bus with run_sandboxed.sh; on its own it skips.
+#include "Keychain.h"
+#include "SecretStore.h"
+#include "SilentSecretService.h"
+#include "TokenFile.h"
+
+#include <QCoroTask>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QTest>
+
+using namespace std::chrono_literals;
+
+class KeychainSilentStoreTest : public QObject {
+    Q_OBJECT
+
+    SilentSecretService service;
+    TokenFile file;
+
+private slots:
+    void initTestCase() {
+        if (qEnvironmentVariable("QUILLMAR_KEYCHAIN_SANDBOX") != u"silent-bus") {
+            QSKIP("needs the private bus that run_sandboxed.sh sets up; run it through ctest");
+        }
+        QVERIFY(service.install());
+        QVERIFY(SecretStore::isReachable());
+        Keychain::setSecretStoreTimeout(500ms);
+    }
+
+    void loadGivesUpWithNothing() {
+        QVERIFY(file.save("QmSecret-in-file"));
+        QElapsedTimer clock;
+        clock.start();
+        const std::optional<QString> loaded = QCoro::waitFor(Keychain::loadToken());
+        QVERIFY2(clock.elapsed() >= 400 && clock.elapsed() < 5000,
+                 qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(loaded, std::nullopt);
+        QVERIFY(service.callsSwallowed() > 0);
+        file.remove();
+    }
+
+    void saveGivesUpAndWritesNoFile() {
+        QElapsedTimer clock;
+        clock.start();
+        QCoro::waitFor(Keychain::saveToken(QStringLiteral("QmSecret-unsaved")));
+        QVERIFY2(clock.elapsed() >= 400 && clock.elapsed() < 5000,
+                 qPrintable(QString::number(clock.elapsed())));
+        QVERIFY(!QFile::exists(file.path()));
+    }
+
+    void deleteGivesUpQuietly() {
+        QElapsedTimer clock;
+        clock.start();
+        QCoro::waitFor(Keychain::deleteToken());
+        QVERIFY2(clock.elapsed() >= 400 && clock.elapsed() < 5000,
+                 qPrintable(QString::number(clock.elapsed())));
+    }
+};
+
+QTEST_GUILESS_MAIN(KeychainSilentStoreTest)
+#include "tst_keychain_silentstore.moc"
