@@ -5,14 +5,16 @@
 #include "ToolError.h"
 #include "Utf8Decoder.h"
 
-#include <QTextBoundaryFinder>
-
 #include <cerrno>
+#include <cstdint>
+#include <limits>
 #include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <unicode/ubrk.h>
 
 namespace {
 
@@ -34,9 +36,55 @@ private:
     int m_fd;
 };
 
+// ICU's extended grapheme cluster breaks. Qt's own boundary finder is not used: it lets
+// Indic-script tailoring split emoji, surrogate pairs and CR LF next to Indic text, and it
+// breaks flags that follow an emoji.
+class CharacterBreaks {
+public:
+    CharacterBreaks() : m_iterator(ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &m_status)) {}
+    ~CharacterBreaks() {
+        if (m_iterator) {
+            ubrk_close(m_iterator);
+        }
+    }
+    CharacterBreaks(const CharacterBreaks&) = delete;
+    CharacterBreaks& operator=(const CharacterBreaks&) = delete;
+
+    // The errno that describes a failure to set up, or 0.
+    int error() const {
+        if (U_SUCCESS(m_status)) {
+            return 0;
+        }
+        return m_status == U_MEMORY_ALLOCATION_ERROR ? ENOMEM : ENOTSUP;
+    }
+    // False when ICU cannot take a text that long (one character of 2^31 code units).
+    bool setText(const QChar* text, qsizetype length) {
+        if (length > std::numeric_limits<int32_t>::max()) {
+            return false;
+        }
+        UErrorCode status = U_ZERO_ERROR;
+        ubrk_setText(m_iterator, reinterpret_cast<const UChar*>(text), static_cast<int32_t>(length),
+                     &status);
+        return U_SUCCESS(status);
+    }
+    // The next boundary after the current one, or -1 at the end.
+    qsizetype next() {
+        const int32_t boundary = ubrk_next(m_iterator);
+        return boundary == UBRK_DONE ? -1 : boundary;
+    }
+
+private:
+    UErrorCode m_status = U_ZERO_ERROR;
+    UBreakIterator* m_iterator;
+};
+
 } // namespace
 
 int FileReader::readText(int fd, qsizetype limit, Text& result) {
+    CharacterBreaks breaks;
+    if (const int error = breaks.error(); error != 0) {
+        return error;
+    }
     std::vector<char> buffer(chunkSize);
     Utf8Decoder decoder;
     QString text;
@@ -63,21 +111,23 @@ int FileReader::readText(int fd, qsizetype limit, Text& result) {
 
         const qsizetype available = text.size() - confirmed;
         if (available > 0) {
-            QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text.constData() + confirmed,
-                                       available);
+            if (!breaks.setText(text.constData() + confirmed, available)) {
+                return EOVERFLOW;
+            }
             qsizetype position = 0;
             qsizetype next = 0;
-            while ((next = finder.toNextBoundary()) != -1 && next > position) {
+            while ((next = breaks.next()) != -1 && next > position) {
+                if (clusters >= limit) {
+                    // All wanted characters are final and another one begins here.
+                    result.content = text.left(confirmed + position);
+                    result.truncated = true;
+                    return 0;
+                }
                 if (next == available && !endOfFile) {
                     break; // the next character may still join this cluster
                 }
                 ++clusters;
                 position = next;
-                if (clusters == limit) {
-                    result.content = text.left(confirmed + position);
-                    result.truncated = confirmed + position < text.size();
-                    return 0;
-                }
             }
             confirmed += position;
         }

@@ -1,0 +1,697 @@
+#include "DescriptorLimit.h"
+#include "FileReader.h"
+#include "FileSystemError.h"
+#include "TempTree.h"
+#include "ToolCall.h"
+#include "Unprivileged.h"
+#include "Utf8Decoder.h"
+
+#include <QFile>
+#include <QJsonArray>
+#include <QTemporaryFile>
+#include <QTest>
+
+#include <cerrno>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <unicode/ubrk.h>
+
+namespace {
+
+constexpr qsizetype limit = FileReader::characterLimit;
+constexpr qsizetype readChunk = 256 * 1024; // the reader's read size
+
+QJsonObject readCall(const QString& path, const QList<SharedFolder>& folders) {
+    return ToolCall::run(QStringLiteral("local_read_file"), {{QStringLiteral("path"), path}},
+                         folders);
+}
+
+QJsonObject content(const QString& path, const QString& text, bool truncated) {
+    return QJsonObject{{QStringLiteral("path"), path},
+                       {QStringLiteral("content"), text},
+                       {QStringLiteral("truncated"), truncated}};
+}
+
+// The character (extended grapheme cluster) boundaries of a whole text, from ICU, after the
+// start. Qt's QTextBoundaryFinder cannot serve as the reference: next to Indic text, and for
+// flags after an emoji, it reports boundaries inside characters.
+std::vector<qsizetype> boundaries(const QString& text) {
+    std::vector<qsizetype> result;
+    UErrorCode status = U_ZERO_ERROR;
+    UBreakIterator* iterator =
+        ubrk_open(UBRK_CHARACTER, "", reinterpret_cast<const UChar*>(text.constData()),
+                  static_cast<int32_t>(text.size()), &status);
+    if (U_FAILURE(status)) {
+        qFatal("no character break iterator: %s", u_errorName(status));
+    }
+    for (int32_t next = ubrk_next(iterator); next != UBRK_DONE; next = ubrk_next(iterator)) {
+        result.push_back(next);
+    }
+    ubrk_close(iterator);
+    return result;
+}
+
+qsizetype clusterCount(const QString& text) {
+    return static_cast<qsizetype>(boundaries(text).size());
+}
+
+// What reading must give: the whole input decoded, then cut after `count` characters.
+FileReader::Text reference(const QByteArray& bytes, qsizetype count) {
+    FileReader::Text expected;
+    expected.content = Utf8Decoder::decode(bytes);
+    const std::vector<qsizetype> ends = boundaries(expected.content);
+    if (static_cast<qsizetype>(ends.size()) > count) {
+        expected.content.truncate(count == 0 ? 0 : ends[static_cast<std::size_t>(count - 1)]);
+        expected.truncated = true;
+    }
+    return expected;
+}
+
+// Feeds `packets` to FileReader::readText through a socket that keeps their boundaries, so
+// every packet is exactly one read. With `end` a writer thread sends them and then ends the
+// input. Without it the packets are queued first and the input never ends: a reader that asks
+// for more than it needs fails with EAGAIN instead of waiting; `unread` receives what is left.
+void readPackets(const QList<QByteArray>& packets, bool end, qsizetype count,
+                 FileReader::Text& text, int& error, QByteArray* unread = nullptr) {
+    int pair[2];
+    QVERIFY(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) == 0);
+    for (const QByteArray& packet : packets) {
+        QVERIFY(!packet.isEmpty()); // an empty packet would read as the end
+    }
+    std::thread writer;
+    if (end) {
+        writer = std::thread([&packets, fd = pair[1]] {
+            for (const QByteArray& packet : packets) {
+                // Fails once the reader has stopped and closed its end; that is fine.
+                if (::send(fd, packet.constData(), static_cast<std::size_t>(packet.size()),
+                           MSG_NOSIGNAL) != packet.size()) {
+                    return;
+                }
+            }
+            ::shutdown(fd, SHUT_WR);
+        });
+    } else {
+        for (const QByteArray& packet : packets) {
+            const ssize_t sent = ::send(pair[1], packet.constData(),
+                                        static_cast<std::size_t>(packet.size()), MSG_DONTWAIT);
+            QCOMPARE(sent, static_cast<ssize_t>(packet.size()));
+        }
+        ::fcntl(pair[0], F_SETFL, ::fcntl(pair[0], F_GETFL) | O_NONBLOCK);
+    }
+    error = FileReader::readText(pair[0], count, text);
+    if (unread) {
+        char buffer[4096];
+        ssize_t got = 0;
+        while ((got = ::recv(pair[0], buffer, sizeof buffer, MSG_DONTWAIT)) > 0) {
+            unread->append(buffer, got);
+        }
+    }
+    ::close(pair[0]);
+    if (writer.joinable()) {
+        writer.join();
+    }
+    ::close(pair[1]);
+}
+
+// Pieces of text that stress decoding and cluster boundaries.
+const std::vector<QByteArray>& pieces() {
+    static const std::vector<QByteArray> all = {"a",
+                                                "Z",
+                                                " ",
+                                                "\r\n",
+                                                "\r",
+                                                "\n",
+                                                "\t",
+                                                QByteArray("\0", 1),
+                                                "\xC3\xA9",         // precomposed e acute
+                                                "\xE4\xB8\xAD",     // CJK
+                                                "\xF0\x9F\x98\x80", // emoji
+                                                "\xF0\x9F\x91\xA8", // man
+                                                "\xF0\x9F\x91\xA9", // woman
+                                                "\xE2\x80\x8D",     // zero width joiner
+                                                "\xF0\x9F\x8F\xBD", // skin tone modifier
+                                                "\xEF\xB8\x8F",     // variation selector 16
+                                                "\xCC\x81",         // combining acute
+                                                "\xCC\xA3",         // combining dot below
+                                                "\xF0\x9F\x87\xAB", // regional indicator F
+                                                "\xF0\x9F\x87\xB7", // regional indicator R
+                                                "\xE1\x84\x80",     // Hangul leading consonant
+                                                "\xE1\x85\xA1",     // Hangul vowel
+                                                "\xE1\x86\xA8",     // Hangul trailing consonant
+                                                "\xEA\xB0\x80",     // Hangul LV syllable
+                                                "\xD8\x80",         // Arabic number sign (prepend)
+                                                "\xE0\xA4\x83", // Devanagari visarga (spacing mark)
+                                                "\xE0\xA4\x95", // Devanagari KA
+                                                "\xE0\xA5\x8D", // Devanagari virama
+                                                "\xE0\xB8\x81", // Thai KO KAI
+                                                "\xEF\xBF\xBD", // a real U+FFFD
+                                                "\x80",
+                                                "\xBF",
+                                                "\xC0",
+                                                "\xFF",
+                                                "\xE2\x82",
+                                                "\xF0\x9F",
+                                                "\xED\xA0\x80",
+                                                "\xF4\x90\x80\x80"};
+    return all;
+}
+
+QByteArray randomText(std::mt19937& random) {
+    QByteArray bytes;
+    const unsigned count = random() % 61;
+    for (unsigned i = 0; i < count; ++i) {
+        const unsigned pick = random() % 10;
+        if (pick < 2) {
+            // A run of regional indicators, odd or even, pairs or not.
+            const unsigned run = 1 + random() % 5;
+            for (unsigned k = 0; k < run; ++k) {
+                bytes.append("\xF0\x9F\x87");
+                bytes.append(static_cast<char>(0xA6 + random() % 26));
+            }
+        } else if (pick < 3) {
+            // An emoji family: person, joiner, person, maybe with skin tones.
+            bytes.append("\xF0\x9F\x91\xA8");
+            if (random() % 2) {
+                bytes.append("\xF0\x9F\x8F\xBD");
+            }
+            bytes.append("\xE2\x80\x8D\xF0\x9F\x91\xA9");
+        } else {
+            bytes.append(pieces()[random() % pieces().size()]);
+        }
+    }
+    return bytes;
+}
+
+QList<QByteArray> randomPackets(std::mt19937& random, const QByteArray& bytes) {
+    std::vector<qsizetype> cuts;
+    if (bytes.size() > 1) {
+        if (random() % 10 == 0) {
+            for (qsizetype cut = 1; cut < bytes.size(); ++cut) {
+                cuts.push_back(cut);
+            }
+        } else {
+            const unsigned count = random() % 9;
+            for (unsigned i = 0; i < count; ++i) {
+                cuts.push_back(1 + static_cast<qsizetype>(random() % (bytes.size() - 1)));
+            }
+            std::sort(cuts.begin(), cuts.end());
+            cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
+        }
+    }
+    QList<QByteArray> packets;
+    qsizetype start = 0;
+    for (qsizetype cut : cuts) {
+        packets.append(bytes.mid(start, cut - start));
+        start = cut;
+    }
+    if (start < bytes.size()) {
+        packets.append(bytes.mid(start));
+    }
+    return packets;
+}
+
+// `count` characters of one to three bytes, `size` bytes in all (empty when impossible).
+QByteArray charactersFilling(qsizetype count, qsizetype size) {
+    const qsizetype extra = size - count; // bytes beyond one per character
+    const qsizetype twoByte = extra % 2;
+    const qsizetype threeByte = extra / 2;
+    if (extra < 0 || twoByte + threeByte > count) {
+        return QByteArray();
+    }
+    return QByteArray("a").repeated(count - twoByte - threeByte) +
+           QByteArray("\xC3\xA9").repeated(twoByte) +
+           QByteArray("\xE4\xB8\xAD").repeated(threeByte);
+}
+
+QString textOf(const char* utf8) {
+    return QString::fromUtf8(utf8);
+}
+
+} // namespace
+
+class FileReaderTest : public QObject {
+    Q_OBJECT
+
+private:
+    static QList<SharedFolder> docs(const TempTree& tree) {
+        return {ToolCall::folder(QStringLiteral("Docs"), tree.path(QStringLiteral("docs")))};
+    }
+
+private slots:
+    void emptyFileGivesEmptyContent() {
+        TempTree tree;
+        tree.file(QStringLiteral("docs/empty.txt"));
+        QCOMPARE(readCall(QStringLiteral("Docs/empty.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/empty.txt"), QString(), false));
+    }
+
+    void pathComesBackExactlyAsSent() {
+        TempTree tree;
+        tree.file(QStringLiteral("docs/sub/a.txt"), "hello");
+        for (const QString& path :
+             {QStringLiteral("Docs/sub/a.txt/"), QStringLiteral("/Docs/sub/a.txt"),
+              QStringLiteral("Docs/sub/./x/../a.txt"), QStringLiteral("Docs//sub//a.txt")}) {
+            QCOMPARE(readCall(path, docs(tree)), content(path, QStringLiteral("hello"), false));
+        }
+    }
+
+    void readsFromTheNamedOfTwoFolders() {
+        TempTree tree;
+        tree.file(QStringLiteral("one/a.txt"), "first");
+        tree.file(QStringLiteral("two/a.txt"), "second");
+        const QList<SharedFolder> folders = {
+            ToolCall::folder(QStringLiteral("One"), tree.path(QStringLiteral("one"))),
+            ToolCall::folder(QStringLiteral("Two"), tree.path(QStringLiteral("two")))};
+        QCOMPARE(readCall(QStringLiteral("Two/a.txt"), folders),
+                 content(QStringLiteral("Two/a.txt"), QStringLiteral("second"), false));
+        QCOMPARE(readCall(QStringLiteral("One/a.txt"), folders),
+                 content(QStringLiteral("One/a.txt"), QStringLiteral("first"), false));
+    }
+
+    void directoryIsFileNotFound() {
+        TempTree tree;
+        tree.dir(QStringLiteral("docs/sub"));
+        QCOMPARE(readCall(QStringLiteral("Docs/sub"), docs(tree)),
+                 ToolCall::error(QStringLiteral("File not found: Docs/sub")));
+        QCOMPARE(readCall(QStringLiteral("Docs"), docs(tree)),
+                 ToolCall::error(QStringLiteral("File not found: Docs")));
+    }
+
+    void missingFileQuotesThePathAsSent() {
+        TempTree tree;
+        tree.dir(QStringLiteral("docs"));
+        QCOMPARE(readCall(QStringLiteral("/Docs/nope.txt/"), docs(tree)),
+                 ToolCall::error(QStringLiteral("File not found: /Docs/nope.txt/")));
+    }
+
+    void linkToFileIsReadAndLinkToDirectoryIsNotFound() {
+        TempTree tree;
+        tree.file(QStringLiteral("docs/real.txt"), "linked");
+        tree.dir(QStringLiteral("docs/sub"));
+        tree.symlink(QStringLiteral("docs/alias.txt"), QStringLiteral("real.txt"));
+        tree.symlink(QStringLiteral("docs/subdir"), QStringLiteral("sub"));
+        tree.symlink(QStringLiteral("docs/dangling"), QStringLiteral("gone.txt"));
+        QCOMPARE(readCall(QStringLiteral("Docs/alias.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/alias.txt"), QStringLiteral("linked"), false));
+        QCOMPARE(readCall(QStringLiteral("Docs/subdir"), docs(tree)),
+                 ToolCall::error(QStringLiteral("File not found: Docs/subdir")));
+        QCOMPARE(readCall(QStringLiteral("Docs/dangling"), docs(tree)),
+                 ToolCall::error(QStringLiteral("File not found: Docs/dangling")));
+    }
+
+    void exactlyTheLimitIsNotTruncated() {
+        TempTree tree;
+        const QByteArray text = QByteArray("a").repeated(limit);
+        tree.file(QStringLiteral("docs/full.txt"), text);
+        QCOMPARE(readCall(QStringLiteral("Docs/full.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/full.txt"), QString::fromLatin1(text), false));
+    }
+
+    void oneCharacterMoreIsTruncated() {
+        TempTree tree;
+        tree.file(QStringLiteral("docs/over.txt"),
+                  QByteArray("a").repeated(limit - 1) + QByteArray("bc"));
+        const QString expected = QString(limit - 1, u'a') + u'b';
+        QCOMPARE(readCall(QStringLiteral("Docs/over.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/over.txt"), expected, true));
+    }
+
+    void multiCodePointCharacterCountsAsOne_data() {
+        QTest::addColumn<QByteArray>("character");
+        QTest::newRow("combining accents") << QByteArray("e\xCC\x81\xCC\xA3");
+        QTest::newRow("family with joiners")
+            << QByteArray("\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91"
+                          "\xA7\xE2\x80\x8D\xF0\x9F\x91\xA6");
+        QTest::newRow("flag") << QByteArray("\xF0\x9F\x87\xAB\xF0\x9F\x87\xB7");
+        QTest::newRow("skin tone") << QByteArray("\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD");
+        QTest::newRow("Hangul jamo") << QByteArray("\xE1\x84\x80\xE1\x85\xA1\xE1\x86\xA8");
+        QTest::newRow("CR LF") << QByteArray("\r\n");
+        QTest::newRow("replacement with a mark") << QByteArray("\xFF\xCC\x81");
+    }
+    void multiCodePointCharacterCountsAsOne() {
+        QFETCH(QByteArray, character);
+        const QString one = Utf8Decoder::decode(character);
+        QCOMPARE(clusterCount(one), 1);
+        TempTree tree;
+        tree.file(QStringLiteral("docs/full.txt"), character.repeated(limit));
+        tree.file(QStringLiteral("docs/over.txt"), character.repeated(limit + 1));
+        QCOMPARE(readCall(QStringLiteral("Docs/full.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/full.txt"), one.repeated(limit), false));
+        QCOMPARE(readCall(QStringLiteral("Docs/over.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/over.txt"), one.repeated(limit), true));
+    }
+
+    void charactersAreExtendedGraphemeClusters_data() {
+        QTest::addColumn<QStringList>("characters");
+        QTest::newRow("combining marks") << QStringList{
+            textOf("e\xCC\x81\xCC\xA3"), textOf("x\xCC\x81"), textOf("\n"), textOf("\xCC\x81")};
+        QTest::newRow("CR LF") << QStringList{textOf("a"), textOf("\r\n"), textOf("\n"),
+                                              textOf("\r"), textOf("b")};
+        QTest::newRow("family and skin tone")
+            << QStringList{textOf("\xF0\x9F\x91\xA8\xF0\x9F\x8F\xBD\xE2\x80\x8D\xF0\x9F"
+                                  "\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7"),
+                           textOf("\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD")};
+        QTest::newRow("flags after an emoji")
+            << QStringList{textOf("\xF0\x9F\x8E\x89"), textOf("\xF0\x9F\x87\xAB\xF0\x9F\x87\xB7"),
+                           textOf("\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA"), textOf("\xF0\x9F\x87\xAE")};
+        QTest::newRow("lone indicator, emoji, flag")
+            << QStringList{textOf("\xF0\x9F\x87\xAB"), textOf("\xF0\x9F\x91\xA8"),
+                           textOf("\xF0\x9F\x87\xAB\xF0\x9F\x87\xB7")};
+        QTest::newRow("emoji and CR LF next to Hindi")
+            << QStringList{textOf("\xE0\xA4\xA8"),
+                           textOf(" "),
+                           textOf("\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD"),
+                           textOf("\r\n"),
+                           textOf("\xE0\xA4\xAE"),
+                           textOf("\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9")};
+        QTest::newRow("emoji next to Thai")
+            << QStringList{textOf("\xE0\xB8\x81"), textOf("\xF0\x9F\x98\x80"), textOf("\r\n")};
+        QTest::newRow("Hangul jamo")
+            << QStringList{textOf("\xE1\x84\x80\xE1\x85\xA1\xE1\x86\xA8"), textOf("\xEA\xB0\x80")};
+        QTest::newRow("repairs take marks")
+            << QStringList{textOf("\xEF\xBF\xBD\xCC\x81"), textOf("\xEF\xBF\xBD")};
+    }
+    void charactersAreExtendedGraphemeClusters() {
+        // The expected characters are written out by hand, following Unicode's extended
+        // grapheme cluster rules; reading one more character at a time must show them.
+        QFETCH(QStringList, characters);
+        const QByteArray bytes = characters.join(QString()).toUtf8();
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        QCOMPARE(file.write(bytes), bytes.size());
+        QVERIFY(file.flush());
+        QStringList seen;
+        QString previous;
+        for (qsizetype count = 1; count <= characters.size() + 1; ++count) {
+            QVERIFY(::lseek(file.handle(), 0, SEEK_SET) == 0);
+            FileReader::Text text;
+            QCOMPARE(FileReader::readText(file.handle(), count, text), 0);
+            QCOMPARE(text.truncated, count < characters.size());
+            QVERIFY(text.content.startsWith(previous));
+            if (text.content.size() > previous.size()) {
+                seen.append(text.content.mid(previous.size()));
+            }
+            previous = text.content;
+        }
+        QCOMPARE(seen, characters);
+        QCOMPARE(reference(bytes, characters.size()).content, previous);
+        QCOMPARE(clusterCount(previous), characters.size());
+    }
+
+    void cutNextToIndicTextKeepsEmojiWhole() {
+        TempTree tree;
+        const QByteArray thumbs = "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD";
+        tree.file(QStringLiteral("docs/hindi.txt"),
+                  QByteArray("a").repeated(limit - 2) + "\xE0\xA4\xA8" + thumbs + "\r\n");
+        QCOMPARE(
+            readCall(QStringLiteral("Docs/hindi.txt"), docs(tree)),
+            content(QStringLiteral("Docs/hindi.txt"),
+                    QString(limit - 2, u'a') + textOf("\xE0\xA4\xA8") + QString::fromUtf8(thumbs),
+                    true));
+    }
+
+    void lastCharacterKeepsItsCombiningMarks() {
+        TempTree tree;
+        const QByteArray body = QByteArray("a").repeated(limit - 1) + "e\xCC\x81\xCC\xA3\xCC\x81";
+        tree.file(QStringLiteral("docs/exact.txt"), body);
+        tree.file(QStringLiteral("docs/more.txt"), body + "x");
+        const QString expected = QString::fromUtf8(body);
+        QVERIFY(expected.endsWith(textOf("e\xCC\x81\xCC\xA3\xCC\x81")));
+        QCOMPARE(readCall(QStringLiteral("Docs/exact.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/exact.txt"), expected, false));
+        QCOMPARE(readCall(QStringLiteral("Docs/more.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/more.txt"), expected, true));
+    }
+
+    void cutNeverSplitsFlagsOrFamilies() {
+        TempTree tree;
+        // Four regional indicators are two flags; a fifth starts a third character.
+        const QByteArray flags = "\xF0\x9F\x87\xAB\xF0\x9F\x87\xB7\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA";
+        tree.file(QStringLiteral("docs/flags.txt"),
+                  QByteArray("a").repeated(limit - 2) + flags + "\xF0\x9F\x87\xAE");
+        QCOMPARE(readCall(QStringLiteral("Docs/flags.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/flags.txt"),
+                         QString(limit - 2, u'a') + QString::fromUtf8(flags), true));
+
+        const QByteArray family = "\xF0\x9F\x91\xA9\xF0\x9F\x8F\xBD\xE2\x80\x8D\xF0\x9F\x91\xA7";
+        tree.file(QStringLiteral("docs/family.txt"),
+                  QByteArray("a").repeated(limit - 1) + family + family);
+        QCOMPARE(readCall(QStringLiteral("Docs/family.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/family.txt"),
+                         QString(limit - 1, u'a') + QString::fromUtf8(family), true));
+    }
+
+    void invalidBytesComeBackAsReplacementCharacters() {
+        TempTree tree;
+        tree.file(QStringLiteral("docs/bad.txt"),
+                  QByteArray("ok \xF0\x80\x80|\xED\xA0\x80|\xC0\xAF|\xF4\x90\x80\x80|\xE2\x82"));
+        QCOMPARE(readCall(QStringLiteral("Docs/bad.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/bad.txt"),
+                         QStringLiteral("ok \uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD\uFFFD|\uFFFD\uFFFD|"
+                                        "\uFFFD\uFFFD\uFFFD\uFFFD|\uFFFD"),
+                         false));
+    }
+
+    void binaryFileIsCountedInReplacementCharacters() {
+        TempTree tree;
+        tree.file(QStringLiteral("docs/blob.bin"), QByteArray("\x80").repeated(limit + 1));
+        QCOMPARE(readCall(QStringLiteral("Docs/blob.bin"), docs(tree)),
+                 content(QStringLiteral("Docs/blob.bin"), QString(limit, QChar(0xFFFD)), true));
+    }
+
+    void limitCharacterAcrossTheReadChunk_data() {
+        QTest::addColumn<qsizetype>("start"); // byte offset of the limit character
+        QTest::addColumn<QByteArray>("character");
+        QTest::addColumn<QByteArray>("tail");
+        const QByteArray family =
+            "\xF0\x9F\x91\xA8\xE2\x80\x8D\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x91\xA7";
+        const QByteArray flag = "\xF0\x9F\x87\xAB\xF0\x9F\x87\xB7";
+        for (const bool more : {false, true}) {
+            const QByteArray tail = more ? QByteArray("\xE4\xB8\xAD tail") : QByteArray();
+            const char* suffix = more ? " then more" : " at the end";
+            QTest::addRow("emoji cut inside its first code point%s", suffix)
+                << readChunk - 3 << family << tail;
+            QTest::addRow("family cut at a joiner%s", suffix) << readChunk - 4 << family << tail;
+            QTest::addRow("mark opens the next chunk%s", suffix)
+                << readChunk - 1 << QByteArray("e\xCC\x81\xCC\xA3") << tail;
+            QTest::addRow("second half of a flag in the next chunk%s", suffix)
+                << readChunk - 4 << flag << tail;
+            QTest::addRow("CR LF split by the chunk%s", suffix)
+                << readChunk - 1 << QByteArray("\r\n") << tail;
+        }
+    }
+    void limitCharacterAcrossTheReadChunk() {
+        QFETCH(qsizetype, start);
+        QFETCH(QByteArray, character);
+        QFETCH(QByteArray, tail);
+        const QByteArray before = charactersFilling(limit - 1, start);
+        QCOMPARE(before.size(), start);
+        const QByteArray bytes = before + character + tail;
+        QVERIFY(bytes.size() > readChunk);
+        TempTree tree;
+        tree.file(QStringLiteral("docs/big.txt"), bytes);
+        QCOMPARE(readCall(QStringLiteral("Docs/big.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/big.txt"), QString::fromUtf8(before + character),
+                         !tail.isEmpty()));
+    }
+
+    void fifoIsAnErrorNotAHang() {
+        TempTree tree;
+        tree.dir(QStringLiteral("docs"));
+        QCOMPARE(
+            ::mkfifo(QFile::encodeName(tree.path(QStringLiteral("docs/pipe"))).constData(), 0600),
+            0);
+        QCOMPARE(readCall(QStringLiteral("Docs/pipe"), docs(tree)),
+                 ToolCall::error(QStringLiteral("Could not read 'Docs/pipe': it is not a "
+                                                "regular file.")));
+    }
+
+    void deviceIsAnErrorNotAHang_data() {
+        QTest::addColumn<QString>("device");
+        QTest::newRow("null") << QStringLiteral("/dev/null");
+        QTest::newRow("zero") << QStringLiteral("/dev/zero");
+        QTest::newRow("urandom") << QStringLiteral("/dev/urandom");
+    }
+    void deviceIsAnErrorNotAHang() {
+        QFETCH(QString, device);
+        TempTree tree;
+        tree.symlink(QStringLiteral("docs/device"), device);
+        QCOMPARE(readCall(QStringLiteral("Docs/device"), docs(tree)),
+                 ToolCall::error(QStringLiteral("Could not read 'Docs/device': it is not a "
+                                                "regular file.")));
+    }
+
+    void unreadableFileIsAnError() {
+        TempTree tree;
+        tree.file(QStringLiteral("docs/secret.txt"), "secret");
+        tree.chmod(QStringLiteral("docs/secret.txt"), 0);
+        tree.chmod(QString(), 0755);
+        const QList<SharedFolder> folders = docs(tree);
+        const auto result = Unprivileged::run(
+            tree.path(), [&] { return readCall(QStringLiteral("Docs/secret.txt"), folders); });
+        if (!result) {
+            QSKIP("running as root and cannot drop privileges; permissions do not apply");
+        }
+        QCOMPARE(*result, ToolCall::error(QStringLiteral("Could not read 'Docs/secret.txt': ") +
+                                          FileSystemError::reasonFor(EACCES) + u'.'));
+    }
+
+    void fileThatCannotBeOpenedIsAnError() {
+        // Works as root too: with no descriptor left the open itself fails.
+        if (DescriptorLimit::sanitized()) {
+            QSKIP("the sanitizers' checks need descriptors of their own");
+        }
+        TempTree tree;
+        tree.file(QStringLiteral("docs/a.txt"), "text");
+        QJsonObject result;
+        {
+            DescriptorLimit noDescriptors;
+            QVERIFY(noDescriptors.active());
+            result = readCall(QStringLiteral("Docs/a.txt"), docs(tree));
+        }
+        QCOMPARE(result, ToolCall::error(QStringLiteral("Could not read 'Docs/a.txt': ") +
+                                         FileSystemError::reasonFor(EMFILE) + u'.'));
+        QCOMPARE(readCall(QStringLiteral("Docs/a.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/a.txt"), QStringLiteral("text"), false));
+    }
+
+    void failedReadIsAnError() {
+        // Works as root too: a process's memory file is a regular file whose reads fail at
+        // address 0, which is never mapped.
+        TempTree tree;
+        tree.symlink(QStringLiteral("docs/memory"), QStringLiteral("/proc/self/mem"));
+        QCOMPARE(readCall(QStringLiteral("Docs/memory"), docs(tree)),
+                 ToolCall::error(QStringLiteral("Could not read 'Docs/memory': ") +
+                                 FileSystemError::reasonFor(EIO) + u'.'));
+    }
+
+    void streamingEqualsDecodingWholeAndCutting() {
+        std::mt19937 random(4711);
+        for (int round = 0; round < 1500; ++round) {
+            const QByteArray bytes = randomText(random);
+            const QList<QByteArray> packets = randomPackets(random, bytes);
+            const qsizetype total = clusterCount(Utf8Decoder::decode(bytes));
+            const qsizetype counts[] = {0,
+                                        1,
+                                        1 + static_cast<qsizetype>(random() % 50),
+                                        std::max<qsizetype>(total - 1, 1),
+                                        std::max<qsizetype>(total, 1),
+                                        total + 1};
+            for (qsizetype count : counts) {
+                FileReader::Text text;
+                int error = -1;
+                readPackets(packets, true, count, text, error);
+                if (QTest::currentTestFailed()) {
+                    return;
+                }
+                const FileReader::Text expected = reference(bytes, count);
+                if (error != 0 || text.content != expected.content ||
+                    text.truncated != expected.truncated) {
+                    QStringList hex;
+                    for (const QByteArray& packet : packets) {
+                        hex.append(QString::fromLatin1(packet.toHex(' ')));
+                    }
+                    QFAIL(qPrintable(QStringLiteral("round %1, limit %2, error %3: got %4 "
+                                                    "characters (truncated %5), expected %6 "
+                                                    "(truncated %7); packets [%8]")
+                                         .arg(round)
+                                         .arg(count)
+                                         .arg(error)
+                                         .arg(clusterCount(text.content))
+                                         .arg(text.truncated)
+                                         .arg(clusterCount(expected.content))
+                                         .arg(expected.truncated)
+                                         .arg(hex.join(QStringLiteral(" | ")))));
+                }
+            }
+        }
+    }
+
+    void regularFileEqualsDecodingWholeAndCutting() {
+        std::mt19937 random(1234);
+        for (int round = 0; round < 300; ++round) {
+            const QByteArray bytes = randomText(random);
+            QTemporaryFile file;
+            QVERIFY(file.open());
+            QCOMPARE(file.write(bytes), bytes.size());
+            QVERIFY(file.flush());
+            for (qsizetype count = 0; count <= 50;
+                 count += 1 + static_cast<qsizetype>(random() % 7)) {
+                QVERIFY(::lseek(file.handle(), 0, SEEK_SET) == 0);
+                FileReader::Text text;
+                QCOMPARE(FileReader::readText(file.handle(), count, text), 0);
+                const FileReader::Text expected = reference(bytes, count);
+                QCOMPARE(text.content, expected.content);
+                QCOMPARE(text.truncated, expected.truncated);
+            }
+        }
+    }
+
+    void stopsReadingOnceTheAnswerIsKnown() {
+        // The input never ends; reading past what is needed would fail with EAGAIN.
+        FileReader::Text text;
+        int error = -1;
+        QByteArray unread;
+        readPackets({"abc", "\xCC\x81", "d", "efgh", "ijk"}, false, 3, text, error, &unread);
+        QCOMPARE(error, 0);
+        // The mark belongs to "c", and "d" shows that another character follows.
+        QCOMPARE(text.content, textOf("abc\xCC\x81"));
+        QVERIFY(text.truncated);
+        QCOMPARE(unread, QByteArray("efghijk"));
+    }
+
+    void needsTheNextCharacterToKnowTheLastOneEnded() {
+        // After "ab" the second character could still grow; without more input the reader
+        // has to ask again, and here the source has nothing yet.
+        FileReader::Text text;
+        int error = -1;
+        readPackets({"ab"}, false, 2, text, error);
+        QCOMPARE(error, EAGAIN);
+    }
+
+    void endOfInputSettlesTheLastCharacter() {
+        FileReader::Text text;
+        int error = -1;
+        readPackets({"a", "b\xF0\x9F\x87", "\xAB\xF0\x9F\x87\xB7"}, true, 3, text, error);
+        QCOMPARE(error, 0);
+        QCOMPARE(text.content, textOf("ab\xF0\x9F\x87\xAB\xF0\x9F\x87\xB7"));
+        QVERIFY(!text.truncated);
+    }
+
+    void zeroLimitGivesNothingButKnowsWhetherTextFollows() {
+        FileReader::Text empty;
+        int error = -1;
+        readPackets({}, true, 0, empty, error);
+        QCOMPARE(error, 0);
+        QCOMPARE(empty.content, QString());
+        QVERIFY(!empty.truncated);
+
+        FileReader::Text some;
+        readPackets({"\xCC\x81"}, false, 0, some, error);
+        QCOMPARE(error, 0);
+        QCOMPARE(some.content, QString());
+        QVERIFY(some.truncated);
+    }
+
+    void readErrorIsReturned() {
+        TempTree tree;
+        tree.dir(QStringLiteral("dir"));
+        const int fd =
+            ::open(QFile::encodeName(tree.path(QStringLiteral("dir"))).constData(), O_RDONLY);
+        QVERIFY(fd >= 0);
+        FileReader::Text text;
+        const int error = FileReader::readText(fd, 10, text);
+        ::close(fd);
+        QCOMPARE(error, EISDIR);
+    }
+};
+
+QTEST_GUILESS_MAIN(FileReaderTest)
+#include "tst_filereader.moc"
