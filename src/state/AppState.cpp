@@ -1,0 +1,271 @@
+#include "AppState.h"
+
+#include "AppSettings.h"
+#include "ApprovalPrompt.h"
+#include "BridgeClient.h"
+#include "ClaimDecodeError.h"
+#include "DeviceName.h"
+#include "FolderStore.h"
+#include "Keychain.h"
+#include "PairError.h"
+#include "PairingClient.h"
+#include "WriteApproval.h"
+
+#include <QPointer>
+
+namespace {
+
+std::unique_ptr<AppState>& sharedInstance() {
+    static std::unique_ptr<AppState> instance;
+    return instance;
+}
+
+bool bridgeEnabled = true;
+
+QString describe(const std::exception& error) {
+    if (const auto* pairError = dynamic_cast<const PairError*>(&error)) {
+        return pairError->description();
+    }
+    if (const auto* decodeError = dynamic_cast<const ClaimDecodeError*>(&error)) {
+        return decodeError->description();
+    }
+    return QString::fromUtf8(error.what());
+}
+
+} // namespace
+
+AppState::AppState() = default;
+
+AppState::~AppState() = default;
+
+AppState& AppState::shared() {
+    std::unique_ptr<AppState>& instance = sharedInstance();
+    if (!instance) {
+        instance.reset(new AppState());
+        instance->initialise();
+        WriteApproval::setHandler([](QString path, qint64 bytes) {
+            return AppState::shared().requestWriteApproval(std::move(path), bytes);
+        });
+    }
+    return *instance;
+}
+
+void AppState::resetShared() {
+    WriteApproval::setHandler({});
+    if (sharedInstance()) {
+        sharedInstance()->m_bridge->disconnect();
+    }
+    sharedInstance().reset();
+}
+
+void AppState::setBridgeEnabled(bool enabled) { bridgeEnabled = enabled; }
+
+QString AppState::defaultApiBase() { return QStringLiteral("https://quillmar.app"); }
+
+QString AppState::approvalSettingKey() { return QStringLiteral("require_write_approval"); }
+
+void AppState::initialise() {
+    m_online = false;
+    m_paired = false;
+    m_statusText = QStringLiteral("Not connected");
+    m_folders.clear();
+    m_pairing = false;
+    m_pairError.reset();
+    onChange = nullptr;
+
+    // Present but empty still counts: the variable is taken as it stands.
+    m_apiBase = qEnvironmentVariableIsSet("QUILLMAR_API") ? qEnvironmentVariable("QUILLMAR_API")
+                                                          : defaultApiBase();
+    m_bridge = std::make_unique<BridgeClient>();
+    m_requireWriteApproval = AppSettings::boolean(approvalSettingKey()).value_or(true);
+    m_folders = FolderStore::activate(FolderStore::load());
+
+    QPointer<AppState> self(this);
+    m_bridge->foldersProvider = [self] {
+        return self ? self->m_folders : QList<SharedFolder>{};
+    };
+    m_bridge->onStatus = [self](bool online, const QString& text) {
+        if (!self) {
+            return;
+        }
+        self->setOnline(online);
+        self->setStatusText(text);
+        self->notify();
+    };
+
+    // The store answers asynchronously (it may first ask the user to unlock it); nothing else can
+    // use the state before it is initialised, so wait for the answer here, bounded by the
+    // store's own time-out.
+    if (const std::optional<QString> token = QCoro::waitFor(Keychain::loadToken())) {
+        m_paired = true;
+        if (bridgeEnabled) {
+            m_bridge->connect(*token, m_apiBase);
+        }
+    }
+}
+
+void AppState::notify() {
+    if (onChange) {
+        onChange();
+    }
+}
+
+void AppState::pair(const QString& code) {
+    // Runs by itself; the outcome arrives through the fields and onChange.
+    pairAndWait(code);
+}
+
+QCoro::Task<> AppState::pairAndWait(QString code) {
+    setPairing(true);
+    setPairError(std::nullopt);
+    notify();
+
+    QPointer<AppState> self(this);
+    const QString deviceName = DeviceName::current();
+    std::optional<QString> token;
+    QString failure;
+    try {
+        const ClaimResponse response = co_await PairingClient::claim(m_apiBase, code, deviceName);
+        token = response.device_token;
+    } catch (const std::exception& error) {
+        failure = describe(error);
+    }
+    if (!self) {
+        co_return;
+    }
+    if (token) {
+        co_await Keychain::saveToken(*token);
+        if (!self) {
+            co_return;
+        }
+        setPaired(true);
+        setPairing(false);
+        notify();
+        if (bridgeEnabled) {
+            m_bridge->connect(*token, m_apiBase);
+        }
+    } else {
+        setPairing(false);
+        setPairError(failure);
+        notify();
+    }
+}
+
+void AppState::unpair() {
+    // The deletion finishes in the background; later token operations queue behind it.
+    unpairAndWait();
+}
+
+QCoro::Task<> AppState::unpairAndWait() {
+    m_bridge->disconnect();
+    QCoro::Task<> deletion = Keychain::deleteToken();
+    setPaired(false);
+    setOnline(false);
+    setStatusText(QStringLiteral("Not connected"));
+    notify();
+    co_await deletion;
+}
+
+void AppState::addFolder() {
+    const std::optional<SharedFolder> picked = FolderStore::pick(m_folders);
+    if (!picked) {
+        return;
+    }
+    QList<SharedFolder> folders = m_folders;
+    folders.append(*picked);
+    setFolders(folders);
+    FolderStore::save(m_folders);
+    notify();
+}
+
+SharedFolder AppState::addFolderAt(const QString& path) {
+    const SharedFolder record = FolderStore::makeRecord(path, m_folders);
+    QList<SharedFolder> folders = m_folders;
+    folders.append(record);
+    setFolders(folders);
+    FolderStore::save(m_folders);
+    notify();
+    return record;
+}
+
+void AppState::removeFolder(const SharedFolder& folder) {
+    FolderStore::deactivate(folder.id);
+    QList<SharedFolder> folders = m_folders;
+    folders.removeIf([&](const SharedFolder& f) { return f.id == folder.id; });
+    setFolders(folders);
+    FolderStore::save(m_folders);
+    notify();
+}
+
+void AppState::removeFolderById(const QString& id) {
+    for (const SharedFolder& folder : std::as_const(m_folders)) {
+        if (folder.id.toString(QUuid::WithoutBraces).toUpper() == id) {
+            removeFolder(folder);
+            return;
+        }
+    }
+}
+
+void AppState::storeRequireWriteApproval(bool value) {
+    setRequireWriteApproval(value);
+    AppSettings::setBoolean(approvalSettingKey(), value);
+    notify();
+}
+
+QCoro::Task<bool> AppState::requestWriteApproval(QString path, qint64 bytes) {
+    if (!m_requireWriteApproval) {
+        co_return true;
+    }
+    const std::shared_ptr<ApprovalPrompt> prompt = ApprovalPrompt::installed();
+    if (!prompt) {
+        co_return false;
+    }
+    co_return co_await prompt->ask(std::move(path), bytes);
+}
+
+void AppState::setRequireWriteApproval(bool value) {
+    if (m_requireWriteApproval != value) {
+        m_requireWriteApproval = value;
+        emit requireWriteApprovalChanged();
+    }
+}
+
+void AppState::setOnline(bool value) {
+    if (m_online != value) {
+        m_online = value;
+        emit onlineChanged();
+    }
+}
+
+void AppState::setPaired(bool value) {
+    if (m_paired != value) {
+        m_paired = value;
+        emit pairedChanged();
+    }
+}
+
+void AppState::setStatusText(const QString& value) {
+    if (m_statusText != value) {
+        m_statusText = value;
+        emit statusTextChanged();
+    }
+}
+
+void AppState::setFolders(const QList<SharedFolder>& value) {
+    m_folders = value;
+    emit foldersChanged();
+}
+
+void AppState::setPairing(bool value) {
+    if (m_pairing != value) {
+        m_pairing = value;
+        emit pairingChanged();
+    }
+}
+
+void AppState::setPairError(const std::optional<QString>& value) {
+    if (m_pairError != value) {
+        m_pairError = value;
+        emit pairErrorChanged();
+    }
+}

@@ -1,0 +1,112 @@
+#pragma once
+
+#include "SharedFolder.h"
+
+#include <QCoroTask>
+#include <QList>
+#include <QObject>
+#include <QString>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+class BridgeClient;
+
+// The one observable model of the running companion: pairing, the bridge's status, the shared
+// folders and the write-approval setting. Every change is announced twice: through the property
+// signals (the window) and through the single `onChange` callback (the tray menu).
+class AppState : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(bool online READ online NOTIFY onlineChanged)
+    Q_PROPERTY(bool paired READ paired NOTIFY pairedChanged)
+    Q_PROPERTY(QString statusText READ statusText NOTIFY statusTextChanged)
+    Q_PROPERTY(bool pairing READ pairing NOTIFY pairingChanged)
+    Q_PROPERTY(QString pairError READ pairErrorText NOTIFY pairErrorChanged)
+    Q_PROPERTY(bool hasPairError READ hasPairError NOTIFY pairErrorChanged)
+    Q_PROPERTY(bool requireWriteApproval READ requireWriteApproval WRITE setRequireWriteApproval
+                   NOTIFY requireWriteApprovalChanged)
+    Q_PROPERTY(QString apiBase READ apiBase CONSTANT)
+
+public:
+    ~AppState() override;
+
+    // Created, and initialised from settings, token store and environment, on first use.
+    static AppState& shared();
+    // Drops the shared instance so that the next shared() starts afresh (tests only).
+    static void resetShared();
+    // Off for command-line administration: the state then never opens the bridge, so a running
+    // companion keeps its connection. Takes effect for the next initialisation.
+    static void setBridgeEnabled(bool enabled);
+
+    // Used when QUILLMAR_API is not set.
+    static QString defaultApiBase();
+    static QString approvalSettingKey();
+
+    bool online() const { return m_online; }
+    bool paired() const { return m_paired; }
+    QString statusText() const { return m_statusText; }
+    const QList<SharedFolder>& folders() const { return m_folders; }
+    bool pairing() const { return m_pairing; }
+    std::optional<QString> pairError() const { return m_pairError; }
+    QString pairErrorText() const { return m_pairError.value_or(QString()); }
+    bool hasPairError() const { return m_pairError.has_value(); }
+    bool requireWriteApproval() const { return m_requireWriteApproval; }
+    // Announces the change only; whoever flips the setting also stores it.
+    void setRequireWriteApproval(bool value);
+    QString apiBase() const { return m_apiBase; }
+
+    // Told after every change made here. Set by the tray menu.
+    std::function<void()> onChange;
+
+    // Claims `code` in the background; `pairing`, then `paired` or `pairError` tell the outcome.
+    Q_INVOKABLE void pair(const QString& code);
+    // The same, awaitable (the command line waits for the outcome).
+    QCoro::Task<> pairAndWait(QString code);
+    Q_INVOKABLE void unpair();
+    // The same, finishing when the token is gone from the store.
+    QCoro::Task<> unpairAndWait();
+    // Asks the user for a folder through the installed chooser.
+    Q_INVOKABLE void addFolder();
+    // Shares `path` directly (the command line); returns the record added.
+    SharedFolder addFolderAt(const QString& path);
+    void removeFolder(const SharedFolder& folder);
+    Q_INVOKABLE void removeFolderById(const QString& id);
+    // Flips the setting, stores it and tells `onChange` (the tray menu and the window's switch).
+    Q_INVOKABLE void storeRequireWriteApproval(bool value);
+
+    // True when the write may go ahead: at once when approval is off, else the user's answer.
+    QCoro::Task<bool> requestWriteApproval(QString path, qint64 bytes);
+
+    BridgeClient& bridge() { return *m_bridge; }
+
+signals:
+    void onlineChanged();
+    void pairedChanged();
+    void statusTextChanged();
+    void foldersChanged();
+    void pairingChanged();
+    void pairErrorChanged();
+    void requireWriteApprovalChanged();
+
+private:
+    AppState();
+    void initialise();
+    void notify();
+    void setOnline(bool value);
+    void setPaired(bool value);
+    void setStatusText(const QString& value);
+    void setFolders(const QList<SharedFolder>& value);
+    void setPairing(bool value);
+    void setPairError(const std::optional<QString>& value);
+
+    bool m_online = false;
+    bool m_paired = false;
+    QString m_statusText;
+    QList<SharedFolder> m_folders;
+    bool m_pairing = false;
+    std::optional<QString> m_pairError;
+    bool m_requireWriteApproval = true;
+    QString m_apiBase;
+    std::unique_ptr<BridgeClient> m_bridge;
+};

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <QCoroTask>
+#include <QString>
+
+#include <memory>
+
+// Puts one write before the local user. The desktop shell installs an alert, the headless mode
+// a terminal question; tests install their own answers. Without an installed prompt every write
+// that needs approval is refused.
+class ApprovalPrompt {
+public:
+    virtual ~ApprovalPrompt() = default;
+
+    // True only when the user allowed this write. Must not block the event loop while waiting.
+    virtual QCoro::Task<bool> ask(QString path, qint64 bytes) = 0;
+
+    static QString messageText();
+    static QString informativeText(const QString& path, qint64 bytes);
+
+    static void install(std::shared_ptr<ApprovalPrompt> prompt);
+    static std::shared_ptr<ApprovalPrompt> installed();
+};

@@ -1,0 +1,289 @@
+#include "AppSettings.h"
+#include "AppState.h"
+#include "ApprovalPrompt.h"
+#include "FolderChooser.h"
+#include "FolderStore.h"
+#include "Keychain.h"
+#include "RecordingHttpServer.h"
+#include "TempTree.h"
+#include "WriteApproval.h"
+
+#include <QCoroTask>
+#include <QFile>
+#include <QSignalSpy>
+#include <QTest>
+
+namespace {
+
+class ScriptedChooser : public FolderChooser {
+public:
+    std::optional<QString> answer;
+    std::optional<QString> chooseFolder(const QString&, const QString&) override { return answer; }
+};
+
+class ScriptedPrompt : public ApprovalPrompt {
+public:
+    bool answer = false;
+    QStringList asked;
+    QCoro::Task<bool> ask(QString path, qint64 bytes) override {
+        asked.append(informativeText(path, bytes));
+        co_return answer;
+    }
+};
+
+const QByteArray okClaim = R"({"device_token":"tok-QmSecret-1","device_id":"dev-1","org_id":"org-1"})";
+
+} // namespace
+
+class AppStateTest : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<TempTree> home;
+    std::shared_ptr<ScriptedChooser> chooser;
+    std::shared_ptr<ScriptedPrompt> prompt;
+    int changes = 0;
+
+    AppState& freshState() {
+        AppState::resetShared();
+        AppState& state = AppState::shared();
+        changes = 0;
+        state.onChange = [this] { ++changes; };
+        return state;
+    }
+
+    void storeToken(const QString& token) { QCoro::waitFor(Keychain::saveToken(token)); }
+
+private slots:
+    void initTestCase() {
+        Keychain::setBackend(Keychain::Backend::TokenFile);
+        AppState::setBridgeEnabled(true);
+    }
+
+    void init() {
+        home = std::make_unique<TempTree>();
+        qputenv("XDG_CONFIG_HOME", QFile::encodeName(home->dir(QStringLiteral("config"))));
+        qputenv("XDG_DATA_HOME", QFile::encodeName(home->dir(QStringLiteral("data"))));
+        qunsetenv("QUILLMAR_API");
+        chooser = std::make_shared<ScriptedChooser>();
+        FolderChooser::install(chooser);
+        prompt = std::make_shared<ScriptedPrompt>();
+        ApprovalPrompt::install(prompt);
+    }
+
+    void cleanup() {
+        AppState::resetShared();
+        FolderChooser::install(nullptr);
+        ApprovalPrompt::install(nullptr);
+    }
+
+    void initialValuesWithoutAnything() {
+        AppState& state = freshState();
+        QCOMPARE(state.apiBase(), AppState::defaultApiBase());
+        QVERIFY(state.apiBase().startsWith(QStringLiteral("https://")));
+        QVERIFY(!state.apiBase().endsWith(u'/'));
+        QVERIFY(!state.online());
+        QVERIFY(!state.paired());
+        QCOMPARE(state.statusText(), QStringLiteral("Not connected"));
+        QVERIFY(state.folders().isEmpty());
+        QVERIFY(!state.pairing());
+        QVERIFY(!state.pairError());
+        QVERIFY(state.requireWriteApproval());
+    }
+
+    void emptyApiVariableIsTakenAsItStands() {
+        qputenv("QUILLMAR_API", "");
+        QCOMPARE(freshState().apiBase(), QString());
+        qputenv("QUILLMAR_API", " http://x ");
+        QCOMPARE(freshState().apiBase(), QStringLiteral(" http://x "));
+    }
+
+    void approvalSettingFromStore() {
+        AppSettings::setBoolean(QStringLiteral("require_write_approval"), false);
+        QVERIFY(!freshState().requireWriteApproval());
+        auto settings = AppSettings::open();
+        settings->setValue(QStringLiteral("require_write_approval"), QStringLiteral("nope"));
+        settings->sync();
+        QVERIFY(freshState().requireWriteApproval());
+    }
+
+    void withoutTokenTheBridgeStaysIdle() {
+        AppState& state = freshState();
+        QTest::qWait(100);
+        QVERIFY(!state.paired());
+        QCOMPARE(state.statusText(), QStringLiteral("Not connected"));
+        QCOMPARE(changes, 0);
+    }
+
+    void storedTokenPairsAndConnectsAtLaunch() {
+        storeToken(QStringLiteral("tok-QmSecret-0"));
+        qputenv("QUILLMAR_API", "http://127.0.0.1:1"); // nothing listens: the bridge reports and retries
+        AppState& state = freshState();
+        QVERIFY(state.paired());
+        QTRY_VERIFY_WITH_TIMEOUT(state.statusText().startsWith(QStringLiteral("Reconnecting in 2s")), 10000);
+        QVERIFY(!state.online());
+        QVERIFY(changes > 0);
+    }
+
+    void foldersAreLoadedAndActivatedAtLaunch() {
+        TempTree tree;
+        const SharedFolder record = FolderStore::makeRecord(tree.dir(QStringLiteral("Docs")), {});
+        FolderStore::deactivate(record.id);
+        FolderStore::save({record});
+        AppState& state = freshState();
+        QCOMPARE(state.folders(), QList<SharedFolder>{record});
+        QCOMPARE(FolderStore::activePath(record.id), std::optional<QString>(record.path));
+    }
+
+    void pairingSucceedsAndStoresTheToken() {
+        RecordingHttpServer server;
+        server.respond(200, okClaim);
+        qputenv("QUILLMAR_API", server.base().toUtf8());
+        AppState& state = freshState();
+        QSignalSpy paired(&state, &AppState::pairedChanged);
+        state.pair(QStringLiteral(" abcd1234\n"));
+        QVERIFY(state.pairing());
+        QCOMPARE(changes, 1);
+        QTRY_VERIFY_WITH_TIMEOUT(state.paired(), 10000);
+        QVERIFY(!state.pairing());
+        QVERIFY(!state.pairError());
+        QCOMPARE(paired.count(), 1);
+        QCOMPARE(QCoro::waitFor(Keychain::loadToken()), std::optional<QString>(QStringLiteral("tok-QmSecret-1")));
+        // The claim first; then the bridge's own handshake may reach the same server.
+        QVERIFY(!server.requests().isEmpty());
+        QCOMPARE(server.requests()[0].method, QByteArray("POST"));
+        QVERIFY(server.requests()[0].body.contains("\"code\":\"ABCD1234\""));
+        // The bridge starts with the new token.
+        QTRY_VERIFY_WITH_TIMEOUT(state.statusText() != QStringLiteral("Not connected"), 10000);
+    }
+
+    void failedPairingAfterSuccessKeepsPaired() {
+        RecordingHttpServer server;
+        server.respond(200, okClaim);
+        qputenv("QUILLMAR_API", server.base().toUtf8());
+        AppState& state = freshState();
+        QCoro::waitFor(state.pairAndWait(QStringLiteral("GOODCODE")));
+        QVERIFY(state.paired());
+        server.respond(400, "{}");
+        QCoro::waitFor(state.pairAndWait(QStringLiteral("BADCODE1")));
+        QVERIFY(state.paired());
+        QVERIFY(!state.pairing());
+        QCOMPARE(state.pairError(), std::optional<QString>(QStringLiteral("That code is invalid or expired. Generate a fresh one in the web app.")));
+        server.respond(500, "{}");
+        QCoro::waitFor(state.pairAndWait(QStringLiteral("X")));
+        QCOMPARE(state.pairErrorText(), QStringLiteral("Server returned 500."));
+        server.respond(200, R"({"device_token":"t","device_id":"d"})");
+        QCoro::waitFor(state.pairAndWait(QStringLiteral("X")));
+        QVERIFY(state.hasPairError());
+        QVERIFY(!state.pairErrorText().isEmpty());
+    }
+
+    void unpairKeepsFoldersAndResetsStatus() {
+        storeToken(QStringLiteral("tok-QmSecret-2"));
+        qputenv("QUILLMAR_API", "http://127.0.0.1:1");
+        TempTree tree;
+        AppState& state = freshState();
+        state.addFolderAt(tree.dir(QStringLiteral("Keep")));
+        QTRY_VERIFY_WITH_TIMEOUT(state.statusText() != QStringLiteral("Not connected"), 10000);
+        const int before = changes;
+        QCoro::waitFor(state.unpairAndWait());
+        QVERIFY(!state.paired());
+        QVERIFY(!state.online());
+        QCOMPARE(state.statusText(), QStringLiteral("Not connected"));
+        QCOMPARE(state.folders().size(), 1);
+        // The bridge reports "Disconnected" first, then unpairing announces its own change.
+        QCOMPARE(changes, before + 2);
+        QCOMPARE(QCoro::waitFor(Keychain::loadToken()), std::nullopt);
+        // No reconnection follows an unpair.
+        QTest::qWait(300);
+        QCOMPARE(state.statusText(), QStringLiteral("Not connected"));
+    }
+
+    void cancelledChooserChangesNothing() {
+        AppState& state = freshState();
+        chooser->answer.reset();
+        state.addFolder();
+        QCOMPARE(changes, 0);
+        QVERIFY(!AppSettings::data(QStringLiteral("shared_folders")));
+    }
+
+    void addingAFolderSavesAndAnnounces() {
+        TempTree tree;
+        AppState& state = freshState();
+        QSignalSpy folders(&state, &AppState::foldersChanged);
+        chooser->answer = tree.dir(QStringLiteral("Reports"));
+        state.addFolder();
+        QCOMPARE(changes, 1);
+        QCOMPARE(folders.count(), 1);
+        QCOMPARE(state.folders().size(), 1);
+        QCOMPARE(state.folders()[0].name, QStringLiteral("Reports"));
+        QCOMPARE(FolderStore::load(), state.folders());
+    }
+
+    void removingAnUnknownFolderStillSavesAndAnnounces() {
+        AppState& state = freshState();
+        QVERIFY(!AppSettings::data(QStringLiteral("shared_folders")));
+        state.removeFolder(SharedFolder{QUuid::createUuid(), QStringLiteral("x"), QStringLiteral("/x"), std::nullopt});
+        QCOMPARE(changes, 1);
+        QCOMPARE(AppSettings::data(QStringLiteral("shared_folders")), std::optional<QByteArray>("[]"));
+    }
+
+    void removingComparesOnlyIds() {
+        TempTree tree;
+        AppState& state = freshState();
+        const SharedFolder a = state.addFolderAt(tree.dir(QStringLiteral("Same")));
+        const SharedFolder b = state.addFolderAt(tree.dir(QStringLiteral("Same")));
+        QCOMPARE(b.name, QStringLiteral("Same 2"));
+        SharedFolder renamed = a;
+        renamed.name = QStringLiteral("other");
+        state.removeFolder(renamed);
+        QCOMPARE(state.folders(), QList<SharedFolder>{b});
+        QVERIFY(!FolderStore::activePath(a.id));
+        state.removeFolderById(b.id.toString(QUuid::WithoutBraces).toUpper());
+        QVERIFY(state.folders().isEmpty());
+    }
+
+    void storingApprovalPersistsAndAnnounces() {
+        AppState& state = freshState();
+        state.storeRequireWriteApproval(false);
+        QCOMPARE(changes, 1);
+        QCOMPARE(AppSettings::boolean(QStringLiteral("require_write_approval")), std::optional<bool>(false));
+        QVERIFY(!freshState().requireWriteApproval());
+    }
+
+    void approvalOffAllowsWithoutAsking() {
+        AppState& state = freshState();
+        state.setRequireWriteApproval(false);
+        QVERIFY(QCoro::waitFor(state.requestWriteApproval(QStringLiteral("R/a.txt"), 5)));
+        QVERIFY(prompt->asked.isEmpty());
+    }
+
+    void approvalOnAsksWithExactText() {
+        AppState& state = freshState();
+        prompt->answer = false;
+        QVERIFY(!QCoro::waitFor(state.requestWriteApproval(QStringLiteral("R/a.txt"), 0)));
+        QCOMPARE(prompt->asked, QStringList{QStringLiteral("An agent wants to write 0 bytes to:\nR/a.txt")});
+        prompt->answer = true;
+        QVERIFY(QCoro::waitFor(state.requestWriteApproval(QStringLiteral("two\nlines"), 1536)));
+        QCOMPARE(prompt->asked.last(), QStringLiteral("An agent wants to write 1536 bytes to:\ntwo\nlines"));
+        QCOMPARE(ApprovalPrompt::messageText(), QStringLiteral("Allow agent to write a file?"));
+    }
+
+    void noPromptMeansRefusal() {
+        AppState& state = freshState();
+        ApprovalPrompt::install(nullptr);
+        QVERIFY(!QCoro::waitFor(state.requestWriteApproval(QStringLiteral("x"), 1)));
+    }
+
+    void writeToolGoesThroughTheState() {
+        freshState();
+        QVERIFY(WriteApproval::hasHandler());
+        prompt->answer = true;
+        QVERIFY(QCoro::waitFor(WriteApproval::request(QStringLiteral("a"), 2)));
+        QCOMPARE(prompt->asked.size(), 1);
+        AppState::resetShared();
+        QVERIFY(!WriteApproval::hasHandler());
+    }
+};
+
+QTEST_GUILESS_MAIN(AppStateTest)
+#include "tst_appstate.moc"
