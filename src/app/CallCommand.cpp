@@ -1,13 +1,12 @@
 #include "CallCommand.h"
 
 #include "FileService.h"
+#include "FolderArguments.h"
 #include "SharedFolder.h"
 
 #include <QCoroTask>
-#include <QDir>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QUuid>
 
 namespace {
 
@@ -66,18 +65,12 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
             return usageError(err, QStringLiteral("unexpected argument %1").arg(argument));
         }
 
-        const qsizetype equals = folderSpec.indexOf(u'=');
-        if (equals <= 0 || equals == folderSpec.size() - 1) {
-            return usageError(err,
-                              QStringLiteral("--folder needs NAME=PATH, got '%1'").arg(folderSpec));
+        QString folderError;
+        const std::optional<SharedFolder> folder = FolderArguments::parse(folderSpec, folderError);
+        if (!folder) {
+            return usageError(err, folderError);
         }
-        QString path = folderSpec.mid(equals + 1);
-        // Shared folders are absolute; a relative PATH is taken from the current directory.
-        if (!QDir::isAbsolutePath(path)) {
-            path = QDir::cleanPath(QDir::current().absoluteFilePath(path));
-        }
-        folders.append(
-            SharedFolder{QUuid::createUuid(), folderSpec.left(equals), path, std::nullopt});
+        folders.append(*folder);
         foldersGiven = true;
     }
     if (!haveMethod) {

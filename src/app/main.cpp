@@ -1,3 +1,4 @@
+#include "BridgeCommand.h"
 #include "CallCommand.h"
 
 #include <QCoreApplication>
@@ -16,6 +17,9 @@ int main(int argc, char* argv[]) {
     if (!arguments.isEmpty() && arguments.front() == u"call") {
         return CallCommand::run(arguments.mid(1), out, err);
     }
-    err << CallCommand::usage() << "\n";
+    if (!arguments.isEmpty() && arguments.front() == u"bridge") {
+        return BridgeCommand::run(arguments.mid(1), out, err);
+    }
+    err << CallCommand::usage() << "\n" << BridgeCommand::usage() << "\n";
     return 2;
 }

@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# Bridge benchmark: round trips of small tool calls from the agent API through the dev service
+# and the bridge to `quillmar-companion bridge`, next to the same calls in process; and one big
+# search through the bridge next to `quillmar-companion call`. All numbers of one run.
+#
+#   bench/bridge/run.sh [BUILD_DIR]      (default build/bridge; built first if needed)
+# Environment: CALLS (10000), DIRS (2000), FILES (100), REPEAT (5).
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/../.." && pwd)
+build=${1:-$root/build/bridge}
+work=$root/bench/.work/bridge
+calls=${CALLS:-10000}
+dirs=${DIRS:-2000}
+files=${FILES:-100}
+repeat=${REPEAT:-5}
+
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build" --target quillmar-companion quillmar-devservice >/dev/null
+cmake -S "$root/bench/bridge" -B "$build/bench-bridge" -G Ninja \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build "$build/bench-bridge" >/dev/null
+bench=$build/bench-bridge/bridge-bench
+companion=$build/src/app/quillmar-companion
+devservice=$build/devservice/quillmar-devservice
+
+mkdir -p "$work/small" "$work/big"
+for i in 0 1 2 3 4 5 6 7 8 9; do echo "file $i" > "$work/small/entry-$i.txt"; done
+"$bench" mktree "$work/big" "$dirs" "$files"
+
+pids=()
+cleanup() { for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done; }
+trap cleanup EXIT
+
+"$devservice" --port 0 > "$work/devservice.out" &
+pids+=($!)
+for _ in $(seq 100); do [ "$(wc -l < "$work/devservice.out")" -ge 2 ] && break; sleep 0.05; done
+port=$(sed -n 's|^listening http://127.0.0.1:||p' "$work/devservice.out")
+code=$(sed -n 's|^pairing-code ||p' "$work/devservice.out")
+claim=$(curl -sf -X POST "http://127.0.0.1:$port/api/v1/devices/pair/claim" \
+    -H 'Content-Type: application/json' \
+    -d "{\"code\":\"$code\",\"device_name\":\"bench\",\"platform\":\"linux\"}")
+token=$(printf '%s' "$claim" | sed -n 's/.*"device_token":"\([^"]*\)".*/\1/p')
+device=$(printf '%s' "$claim" | sed -n 's/.*"device_id":"\([^"]*\)".*/\1/p')
+
+# $1: extra environment for the companion, or nothing.
+start_companion() {
+    : > "$work/companion.out"
+    env $1 QUILLMAR_DEVICE_TOKEN="$token" "$companion" bridge --api "http://127.0.0.1:$port" \
+        --folder "Small=$work/small" --folder "Big=$work/big" > "$work/companion.out" &
+    companion_pid=$!
+    pids+=($companion_pid)
+    for _ in $(seq 100); do grep -q '^online ' "$work/companion.out" && return; sleep 0.05; done
+    echo "the companion did not come online" >&2
+    exit 1
+}
+stop_companion() { kill "$companion_pid"; wait "$companion_pid" 2>/dev/null || true; }
+
+echo "== $(date -u +%Y-%m-%dT%H:%MZ), $(nproc) cores, $(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | head -1), load $(cut -d' ' -f1-3 /proc/loadavg)"
+start_companion ""
+echo "== $calls sequential local_list_files of a 10-entry folder"
+"$bench" small "$port" "$device" "$work/small" "$calls"
+echo "== local_search_files over $((dirs * files)) files ($dirs dirs x $files), no match, median of $repeat"
+"$bench" search "$port" "$device" "$work/big" "no-such-name-anywhere" "$repeat" "$companion"
+stop_companion
+
+# The same small calls with the companion on Qt's own event loop instead of GLib's (see README).
+start_companion "QT_NO_GLIB=1"
+echo "== the small calls again, companion with QT_NO_GLIB=1"
+"$bench" small "$port" "$device" "$work/small" "$calls"

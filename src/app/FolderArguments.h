@@ -1,0 +1,15 @@
+#pragma once
+
+#include "SharedFolder.h"
+
+#include <QString>
+
+#include <optional>
+
+// The command line's "--folder NAME=PATH" values, shared by the subcommands that run tools.
+class FolderArguments {
+public:
+    // A folder with a fresh id; a relative PATH is taken from the current directory. Without a
+    // name or a path, gives nothing and sets `error` to the usage message.
+    static std::optional<SharedFolder> parse(const QString& argument, QString& error);
+};

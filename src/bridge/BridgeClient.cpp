@@ -1,0 +1,335 @@
+#include "BridgeClient.h"
+
+#include "FileService.h"
+#include "QtBridgeScheduler.h"
+
+#include <QJsonDocument>
+#include <QJsonParseError>
+#include <QJsonValue>
+#include <QNetworkRequest>
+#include <QStringDecoder>
+#include <QTimer>
+#include <QWebSocket>
+
+#include <algorithm>
+
+namespace {
+
+const QString connectingText = QStringLiteral("Connecting\u2026");
+
+// A socket we closed gets this long to finish the closing handshake before it is cut.
+constexpr std::chrono::seconds closeGrace{5};
+
+} // namespace
+
+BridgeClient::BridgeClient(QObject* parent)
+    : BridgeClient(std::make_unique<QtBridgeScheduler>(), parent) {}
+
+BridgeClient::BridgeClient(std::unique_ptr<BridgeScheduler> scheduler, QObject* parent)
+    : QObject(parent), dispatcher(&FileService::handle), m_scheduler(std::move(scheduler)) {
+    if (!m_scheduler) {
+        m_scheduler = std::make_unique<QtBridgeScheduler>();
+    }
+}
+
+BridgeClient::~BridgeClient() {
+    // The socket dies with us as a child; its last signals must not reach a half-destroyed client.
+    if (m_task) {
+        QObject::disconnect(m_task, nullptr, this, nullptr);
+    }
+}
+
+void BridgeClient::connect(const QString& token, const QString& apiBase) {
+    m_apiBase = apiBase;
+    m_token = token;
+    m_stopped = false;
+    // A due reconnection would replace the socket opened right now.
+    cancelTimer(m_reconnectTimer);
+    openSocket();
+}
+
+void BridgeClient::disconnect() {
+    m_stopped = true;
+    cancelTimer(m_reconnectTimer);
+    cancelTimer(m_handshakeTimer);
+    stopPing();
+    if (m_task) {
+        closeTask(m_task);
+        m_task = nullptr;
+    }
+    m_inbox.clear();
+    report(false, QStringLiteral("Disconnected"));
+}
+
+std::optional<QUrl> BridgeClient::wsURL(const QString& apiBase, const QString& token) {
+    QUrl url(apiBase, QUrl::StrictMode);
+    if (!url.isValid()) {
+        return std::nullopt;
+    }
+    // Only a plain "http" base gets a plain socket; QUrl lower-cases schemes, the base may not.
+    const bool plain = url.scheme() == u"http" && apiBase.startsWith(u"http:");
+    url.setScheme(plain ? QStringLiteral("ws") : QStringLiteral("wss"));
+    url.setPath(QStringLiteral("/api/v1/devices/bridge"));
+    // Everything but the unreserved characters is escaped, so no token can change the query's
+    // structure or be read differently by the service ('+' as a blank).
+    url.setQuery(QStringLiteral("token=") + QString::fromLatin1(QUrl::toPercentEncoding(token)),
+                 QUrl::StrictMode);
+    url.setFragment(QString());
+    if (!url.isValid()) {
+        return std::nullopt;
+    }
+    return url;
+}
+
+std::optional<QUrl> BridgeClient::wsURL() const {
+    return wsURL(m_apiBase, m_token);
+}
+
+qint64 BridgeClient::reconnectDelaySeconds(qint64 attempt) {
+    const qint64 exponent = std::clamp<qint64>(attempt, 0, 5);
+    return std::min<qint64>(qint64(1) << exponent, longestReconnectDelay.count());
+}
+
+void BridgeClient::openSocket() {
+    const std::optional<QUrl> url = wsURL();
+    if (!url) {
+        report(false, QStringLiteral("Bad API URL"));
+        return;
+    }
+
+    QNetworkRequest request(*url);
+    request.setTransferTimeout(int(std::chrono::milliseconds(requestTimeout).count()));
+    request.setRawHeader(QByteArrayLiteral("User-Agent"),
+                         QByteArrayLiteral("QuillmarCompanion/0.1 (macOS)"));
+
+    if (m_task) {
+        closeTask(m_task);
+    }
+    auto* socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
+    m_task = socket;
+    const QPointer<QWebSocket> guard(socket);
+
+    QObject::connect(socket, &QWebSocket::textMessageReceived, this,
+                     [this, guard](const QString& text) { enqueue(guard, text); });
+    QObject::connect(
+        socket, &QWebSocket::binaryMessageReceived, this, [this, guard](const QByteArray& bytes) {
+            QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+            QString text = decoder.decode(bytes);
+            if (!decoder.hasError()) {
+                enqueue(guard, std::move(text));
+            }
+        });
+    QObject::connect(socket, &QWebSocket::connected, this, [this, guard] {
+        if (guard == m_task) {
+            cancelTimer(m_handshakeTimer);
+        }
+    });
+    // One failure often arrives as several signals (error, error, disconnected). Queued, so that
+    // a failure raised inside open() comes after "Connecting…"; taskFailed() counts the first.
+#if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
+    QObject::connect(
+        socket, &QWebSocket::errorOccurred, this, [this, guard] { taskFailed(guard); },
+        Qt::QueuedConnection);
+#else
+    QObject::connect(
+        socket, qOverload<QAbstractSocket::SocketError>(&QWebSocket::error), this,
+        [this, guard] { taskFailed(guard); }, Qt::QueuedConnection);
+#endif
+    QObject::connect(
+        socket, &QWebSocket::disconnected, this, [this, guard] { taskFailed(guard); },
+        Qt::QueuedConnection);
+
+    // QWebSocket ignores the request's transfer time-out, so the handshake gets its own.
+    cancelTimer(m_handshakeTimer);
+    m_handshakeTimer = m_scheduler->schedule(requestTimeout, [self = QPointer<BridgeClient>(this),
+                                                              guard] {
+        if (!self) {
+            return;
+        }
+        self->m_handshakeTimer = 0;
+        if (guard && guard == self->m_task && guard->state() != QAbstractSocket::ConnectedState) {
+            self->taskFailed(guard);
+        }
+    });
+
+    socket->open(request);
+    startPing();
+    report(false, connectingText);
+}
+
+void BridgeClient::closeTask(QWebSocket* socket) {
+    QObject::disconnect(socket, nullptr, this, nullptr);
+    if (socket->state() == QAbstractSocket::UnconnectedState) {
+        socket->deleteLater();
+        return;
+    }
+    QObject::connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
+    QTimer::singleShot(closeGrace, socket, [socket] {
+        socket->abort();
+        socket->deleteLater();
+    });
+    socket->close(QWebSocketProtocol::CloseCodeGoingAway);
+}
+
+void BridgeClient::taskFailed(QWebSocket* socket) {
+    // Only the current socket's first failure counts; later signals of it, and signals of
+    // sockets already replaced or closed by us, change nothing.
+    if (!socket || socket != m_task) {
+        return;
+    }
+    m_task = nullptr;
+    cancelTimer(m_handshakeTimer);
+    QObject::disconnect(socket, nullptr, this, nullptr);
+    socket->abort();
+    socket->deleteLater();
+    scheduleReconnect();
+}
+
+void BridgeClient::enqueue(QWebSocket* source, QString text) {
+    if (!source || source != m_task) {
+        return;
+    }
+    m_inbox.enqueue(Frame{source, std::move(text)});
+    if (!m_receiving) {
+        receive();
+    }
+}
+
+QCoro::Task<> BridgeClient::receive() {
+    // The only consumer of the inbox. A frame that arrives while a call is suspended (or while
+    // a nested event loop runs inside it) waits here, so calls never overlap or reorder.
+    const QPointer<BridgeClient> self(this);
+    m_receiving = true;
+    while (!m_inbox.isEmpty()) {
+        Frame frame = m_inbox.dequeue();
+        if (!frame.source || frame.source != m_task) {
+            continue; // from a socket that has since failed or been replaced
+        }
+        try {
+            co_await handle(std::move(frame.text));
+        } catch (...) {
+            // A misbehaving dispatcher must not wedge the loop; the call goes unanswered.
+        }
+        if (!self) {
+            co_return;
+        }
+    }
+    m_receiving = false;
+}
+
+QCoro::Task<> BridgeClient::handle(QString text) {
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &parseError);
+    if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
+        co_return;
+    }
+    const QJsonObject frame = document.object();
+    const QJsonValue type = frame.value(QStringLiteral("type"));
+    if (frame.isEmpty() || !type.isString()) {
+        co_return;
+    }
+    const QString name = type.toString();
+    if (name == u"hello") {
+        m_reconnectAttempt = 0;
+        report(true, QStringLiteral("Connected to Quillmar"));
+    } else if (name == u"call") {
+        co_await handleCall(frame);
+    }
+    // "pong" and unknown types: nothing to do, by design no reply.
+}
+
+QCoro::Task<> BridgeClient::handleCall(QJsonObject frame) {
+    const QPointer<BridgeClient> self(this);
+    // Wrong types count as absent: toString() and toObject() give "" and {} for them.
+    const QString reqId = frame.value(QStringLiteral("req_id")).toString();
+    const QString method = frame.value(QStringLiteral("method")).toString();
+    const QJsonObject params = frame.value(QStringLiteral("params")).toObject();
+    const QList<SharedFolder> folders = foldersProvider ? foldersProvider() : QList<SharedFolder>();
+
+    // A copy: the owner may swap the dispatcher while this call waits.
+    const Dispatcher dispatch = dispatcher;
+    QJsonObject result;
+    if (dispatch) {
+        result = co_await dispatch(method, params, folders);
+    } else {
+        result = FileService::errorObject(QStringLiteral("Unknown method: ") + method);
+    }
+    if (!self) {
+        co_return;
+    }
+
+    QJsonObject reply{{QStringLiteral("type"), QStringLiteral("result")},
+                      {QStringLiteral("req_id"), reqId}};
+    const QJsonValue error = result.value(QStringLiteral("error"));
+    if (error.isString()) {
+        reply.insert(QStringLiteral("ok"), false);
+        reply.insert(QStringLiteral("error"), error);
+    } else {
+        reply.insert(QStringLiteral("ok"), true);
+        reply.insert(QStringLiteral("result"), result);
+    }
+    // Dropped when the socket went away while the tool ran.
+    send(reply);
+}
+
+void BridgeClient::send(const QJsonObject& frame) {
+    if (!m_task || m_task->state() != QAbstractSocket::ConnectedState) {
+        return;
+    }
+    m_task->sendTextMessage(QString::fromUtf8(QJsonDocument(frame).toJson(QJsonDocument::Compact)));
+    // Out now rather than on the next pass of the event loop: the service is waiting for it.
+    m_task->flush();
+}
+
+void BridgeClient::startPing() {
+    cancelTimer(m_pingTimer);
+    m_pingTimer = m_scheduler->schedule(keepAliveInterval, [self = QPointer<BridgeClient>(this)] {
+        if (!self) {
+            return;
+        }
+        self->m_pingTimer = 0;
+        self->startPing();
+        self->send(QJsonObject{{QStringLiteral("type"), QStringLiteral("ping")}});
+    });
+}
+
+void BridgeClient::stopPing() {
+    cancelTimer(m_pingTimer);
+}
+
+void BridgeClient::scheduleReconnect() {
+    if (m_stopped) {
+        return;
+    }
+    stopPing();
+    ++m_reconnectAttempt;
+    const qint64 seconds = reconnectDelaySeconds(m_reconnectAttempt);
+    cancelTimer(m_reconnectTimer);
+    m_reconnectTimer =
+        m_scheduler->schedule(std::chrono::seconds(seconds), [self = QPointer<BridgeClient>(this)] {
+            if (!self) {
+                return;
+            }
+            self->m_reconnectTimer = 0;
+            if (!self->m_stopped) {
+                self->openSocket();
+            }
+        });
+    report(false, QStringLiteral("Reconnecting in %1s\u2026").arg(seconds));
+}
+
+void BridgeClient::cancelTimer(BridgeScheduler::TimerId& id) {
+    if (id != 0) {
+        m_scheduler->cancel(id);
+        id = 0;
+    }
+}
+
+void BridgeClient::report(bool online, const QString& text) {
+    // The last step of every caller, so that the owner may do anything in it, connect() and
+    // disconnect() included.
+    const StatusCallback callback = onStatus;
+    if (callback) {
+        callback(online, text);
+    }
+}

@@ -1,0 +1,100 @@
+#pragma once
+
+#include "BridgeScheduler.h"
+#include "SharedFolder.h"
+
+#include <QCoroTask>
+#include <QJsonObject>
+#include <QList>
+#include <QObject>
+#include <QPointer>
+#include <QQueue>
+#include <QString>
+#include <QUrl>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+
+class QWebSocket;
+
+// The companion's one WebSocket to the service. Opens it from the API base and the device token,
+// answers the service's tool calls strictly one at a time, sends a keep-alive ping every 30 s,
+// and reconnects with back-off after any failure. Everything runs on the owner's thread; the
+// owner learns about the connection only through `onStatus`.
+class BridgeClient : public QObject {
+    Q_OBJECT
+
+public:
+    using StatusCallback = std::function<void(bool online, const QString& text)>;
+    using FoldersProvider = std::function<QList<SharedFolder>()>;
+    using Dispatcher = std::function<QCoro::Task<QJsonObject>(QString method, QJsonObject params,
+                                                              QList<SharedFolder> folders)>;
+
+    static constexpr std::chrono::seconds keepAliveInterval{30};
+    static constexpr std::chrono::seconds requestTimeout{60};
+    static constexpr std::chrono::seconds longestReconnectDelay{30};
+
+    explicit BridgeClient(QObject* parent = nullptr);
+    // Takes its timers from `scheduler` (tests step a manual clock through it).
+    explicit BridgeClient(std::unique_ptr<BridgeScheduler> scheduler, QObject* parent = nullptr);
+    ~BridgeClient() override;
+
+    // Status sink, (online, text); called on this thread. Set before connecting. It may end the
+    // client with deleteLater(), not delete: it runs inside the client's own event handling.
+    StatusCallback onStatus;
+    // The shared folders, read when each call starts. None when unset.
+    FoldersProvider foldersProvider;
+    // Runs one tool call; FileService::handle unless replaced.
+    Dispatcher dispatcher;
+
+    // Stores the base and token and opens a socket. Keeps the reconnect counter; closes a socket
+    // that is still open (it would otherwise linger unread) and drops a pending reconnection.
+    void connect(const QString& token, const QString& apiBase);
+    // Closes with 1001 (going away) and stays down until the next connect().
+    void disconnect();
+
+    // Reconnections scheduled since the last `hello`.
+    qint64 reconnectAttempt() const { return m_reconnectAttempt; }
+
+    // The bridge URL for a base and a token, or none when the base does not parse.
+    static std::optional<QUrl> wsURL(const QString& apiBase, const QString& token);
+    // Seconds to wait before the n-th reconnection (n >= 1): 2, 4, 8, 16, 30, 30, ...
+    static qint64 reconnectDelaySeconds(qint64 attempt);
+
+private:
+    struct Frame {
+        QPointer<QWebSocket> source;
+        QString text;
+    };
+
+    std::optional<QUrl> wsURL() const;
+    void openSocket();
+    void closeTask(QWebSocket* socket);
+    void taskFailed(QWebSocket* socket);
+    void enqueue(QWebSocket* source, QString text);
+    QCoro::Task<> receive();
+    QCoro::Task<> handle(QString text);
+    QCoro::Task<> handleCall(QJsonObject frame);
+    void send(const QJsonObject& frame);
+    void startPing();
+    void stopPing();
+    void scheduleReconnect();
+    void cancelTimer(BridgeScheduler::TimerId& id);
+    void report(bool online, const QString& text);
+
+    std::unique_ptr<BridgeScheduler> m_scheduler;
+    QPointer<QWebSocket> m_task;
+    BridgeScheduler::TimerId m_pingTimer = 0;
+    BridgeScheduler::TimerId m_reconnectTimer = 0;
+    BridgeScheduler::TimerId m_handshakeTimer = 0;
+    qint64 m_reconnectAttempt = 0;
+    QString m_token;
+    QString m_apiBase;
+    bool m_stopped = false;
+
+    // Frames in arrival order; only receive() takes them out, one finished call at a time.
+    QQueue<Frame> m_inbox;
+    bool m_receiving = false;
+};

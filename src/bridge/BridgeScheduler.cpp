@@ -1,0 +1,3 @@
+#include "BridgeScheduler.h"
+
+BridgeScheduler::~BridgeScheduler() = default;
