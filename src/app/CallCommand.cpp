@@ -1,8 +1,13 @@
 #include "CallCommand.h"
 
+#include "AppSettings.h"
+#include "AppState.h"
 #include "FileService.h"
 #include "FolderArguments.h"
+#include "FolderStore.h"
 #include "SharedFolder.h"
+#include "TerminalApprovalPrompt.h"
+#include "WriteApproval.h"
 
 #include <QCoroTask>
 #include <QFileInfo>
@@ -19,7 +24,7 @@ int usageError(QTextStream& err, const QString& message) {
 
 QString CallCommand::usage() {
     return QStringLiteral(
-        "usage: quillmar-companion call METHOD [PARAMS_JSON] [--folder NAME=PATH]...");
+        "usage: quillmar-companion call METHOD [PARAMS_JSON] [--folder NAME=PATH]... [--yes]");
 }
 
 int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream& err) {
@@ -29,10 +34,15 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
     QJsonObject params;
     QList<SharedFolder> folders;
     bool foldersGiven = false;
+    bool assumeYes = false;
 
     for (qsizetype i = 0; i < arguments.size(); ++i) {
         const QString& argument = arguments[i];
         QString folderSpec;
+        if (argument == u"--yes") {
+            assumeYes = true;
+            continue;
+        }
         if (argument == u"--folder") {
             if (i + 1 >= arguments.size()) {
                 return usageError(err, QStringLiteral("--folder needs NAME=PATH"));
@@ -77,8 +87,18 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
         return usageError(err, QStringLiteral("METHOD is missing\n") + usage());
     }
     if (!foldersGiven) {
-        folders = {}; // no saved folders yet on this machine
+        folders = FolderStore::activate(FolderStore::load());
     }
+
+    // A write is allowed by --yes, by the user's setting being off, or by an answer on the
+    // terminal; with no terminal to ask, it is refused.
+    WriteApproval::setHandler([assumeYes](QString path, qint64 bytes) -> QCoro::Task<bool> {
+        if (assumeYes || !AppSettings::boolean(AppState::approvalSettingKey()).value_or(true)) {
+            co_return true;
+        }
+        TerminalApprovalPrompt prompt;
+        co_return co_await prompt.ask(std::move(path), bytes);
+    });
 
     const QJsonObject result = QCoro::waitFor(FileService::handle(method, params, folders));
     out << QString::fromUtf8(QJsonDocument(result).toJson(QJsonDocument::Compact)) << "\n"

@@ -58,11 +58,17 @@ void AppState::resetShared() {
     sharedInstance().reset();
 }
 
-void AppState::setBridgeEnabled(bool enabled) { bridgeEnabled = enabled; }
+void AppState::setBridgeEnabled(bool enabled) {
+    bridgeEnabled = enabled;
+}
 
-QString AppState::defaultApiBase() { return QStringLiteral("https://quillmar.app"); }
+QString AppState::defaultApiBase() {
+    return QStringLiteral("https://quillmar.app");
+}
 
-QString AppState::approvalSettingKey() { return QStringLiteral("require_write_approval"); }
+QString AppState::approvalSettingKey() {
+    return QStringLiteral("require_write_approval");
+}
 
 void AppState::initialise() {
     m_online = false;
@@ -81,9 +87,7 @@ void AppState::initialise() {
     m_folders = FolderStore::activate(FolderStore::load());
 
     QPointer<AppState> self(this);
-    m_bridge->foldersProvider = [self] {
-        return self ? self->m_folders : QList<SharedFolder>{};
-    };
+    m_bridge->foldersProvider = [self] { return self ? self->m_folders : QList<SharedFolder>{}; };
     m_bridge->onStatus = [self](bool online, const QString& text) {
         if (!self) {
             return;

@@ -9,13 +9,19 @@ std::shared_ptr<ApprovalPrompt>& current() {
 
 } // namespace
 
-QString ApprovalPrompt::messageText() { return QStringLiteral("Allow agent to write a file?"); }
+QString ApprovalPrompt::messageText() {
+    return QStringLiteral("Allow agent to write a file?");
+}
 
 QString ApprovalPrompt::informativeText(const QString& path, qint64 bytes) {
     return QStringLiteral("An agent wants to write ") + QString::number(bytes) +
            QStringLiteral(" bytes to:\n") + path;
 }
 
-void ApprovalPrompt::install(std::shared_ptr<ApprovalPrompt> prompt) { current() = std::move(prompt); }
+void ApprovalPrompt::install(std::shared_ptr<ApprovalPrompt> prompt) {
+    current() = std::move(prompt);
+}
 
-std::shared_ptr<ApprovalPrompt> ApprovalPrompt::installed() { return current(); }
+std::shared_ptr<ApprovalPrompt> ApprovalPrompt::installed() {
+    return current();
+}

@@ -1,0 +1,110 @@
+#include "CommandLine.h"
+
+#include "AppIdentity.h"
+#include "AppState.h"
+#include "CallCommand.h"
+#include "HeadlessRunner.h"
+#include "StateCommands.h"
+
+#include <QCoreApplication>
+#include <QStringList>
+#include <QTextStream>
+
+#include <cstdio>
+#include <functional>
+#include <map>
+
+namespace {
+
+using Command = std::function<int(const QStringList&, QTextStream&, QTextStream&)>;
+
+const std::map<QString, Command>& commands() {
+    static const std::map<QString, Command> table{
+        {QStringLiteral("call"), CallCommand::run},
+        {QStringLiteral("pair"), StateCommands::pair},
+        {QStringLiteral("unpair"), StateCommands::unpair},
+        {QStringLiteral("status"), StateCommands::status},
+        {QStringLiteral("folders"), StateCommands::folders},
+        {QStringLiteral("approval"), StateCommands::approval},
+    };
+    return table;
+}
+
+QString helpText() {
+    return QStringLiteral(
+               "Usage: quillmar-companion [--headless]\n"
+               "       quillmar-companion COMMAND [ARGUMENTS]\n"
+               "\n"
+               "Lets the agents of the Quillmar service reach files in the folders you share,\n"
+               "and nowhere else.\n"
+               "\n"
+               "Without a command the companion starts and keeps its connection to the service:\n"
+               "in the system tray, or without tray and window with --headless.\n"
+               "\n"
+               "Commands:\n"
+               "  pair CODE             pair this computer with a code from the web app\n"
+               "  unpair                forget the pairing (the shared folders are kept)\n"
+               "  status                pairing, service, approval setting and shared folders\n"
+               "  folders               list the shared folders, one \"NAME<TAB>PATH\" per line\n"
+               "  folders add PATH      share a folder; prints the name agents use for it\n"
+               "  folders remove NAME   stop sharing the first folder of that name\n"
+               "  approval on|off       ask before each agent write (on), or not (off)\n"
+               "  call METHOD [PARAMS_JSON] [--folder NAME=PATH]... [--yes]\n"
+               "                        run one tool call as an agent would; prints the result\n"
+               "\n"
+               "Options:\n"
+               "  --headless            run without tray or window until interrupted\n"
+               "  -h, --help            show this help\n"
+               "  -v, --version         show the version\n"
+               "\n"
+               "Environment:\n"
+               "  QUILLMAR_API          the service's address (default ") +
+           AppState::defaultApiBase() + QStringLiteral(")\n");
+}
+
+} // namespace
+
+int CommandLine::run(int argc, char* argv[]) {
+    QStringList arguments;
+    for (int i = 1; i < argc; ++i) {
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    }
+
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(AppIdentity::id());
+    QCoreApplication::setApplicationVersion(QStringLiteral(QUILLMAR_VERSION));
+    QTextStream out(stdout);
+    QTextStream err(stderr);
+
+    if (!arguments.isEmpty()) {
+        const auto command = commands().find(arguments.front());
+        if (command != commands().end()) {
+            return command->second(arguments.mid(1), out, err);
+        }
+    }
+
+    bool headless = false;
+    for (const QString& argument : std::as_const(arguments)) {
+        if (argument == u"--help" || argument == u"-h") {
+            out << helpText() << Qt::flush;
+            return 0;
+        }
+        if (argument == u"--version" || argument == u"-v") {
+            out << "quillmar-companion " << QCoreApplication::applicationVersion() << "\n"
+                << Qt::flush;
+            return 0;
+        }
+        if (argument == u"--headless") {
+            headless = true;
+            continue;
+        }
+        const QString what = argument.startsWith(u'-') ? QStringLiteral("unknown option")
+                                                       : QStringLiteral("unknown command");
+        err << "quillmar-companion: " << what << " '" << argument
+            << "'. See quillmar-companion --help.\n"
+            << Qt::flush;
+        return 2;
+    }
+    Q_UNUSED(headless)
+    return HeadlessRunner::run(out, err);
+}

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <QTextStream>
+
+// `quillmar-companion --headless`: the companion without tray or window. Loads folders, token
+// and setting as at launch, keeps the bridge up and serves calls until SIGINT or SIGTERM,
+// printing each status text as it changes.
+class HeadlessRunner {
+public:
+    static int run(QTextStream& out, QTextStream& err);
+};

@@ -1,0 +1,117 @@
+#include "StateCommands.h"
+
+#include "AppState.h"
+
+#include <QCoroTask>
+#include <QDir>
+#include <QFileInfo>
+
+namespace {
+
+int usage(QTextStream& err, const QString& text) {
+    err << "usage: quillmar-companion " << text << "\n" << Qt::flush;
+    return 2;
+}
+
+int fail(QTextStream& err, const QString& text) {
+    err << "quillmar-companion: " << text << "\n" << Qt::flush;
+    return 1;
+}
+
+AppState& offlineState() {
+    AppState::setBridgeEnabled(false);
+    return AppState::shared();
+}
+
+} // namespace
+
+int StateCommands::pair(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+    if (arguments.size() != 1) {
+        return usage(err, QStringLiteral("pair CODE"));
+    }
+    AppState& state = offlineState();
+    QCoro::waitFor(state.pairAndWait(arguments.front()));
+    if (!state.paired() || state.hasPairError()) {
+        err << state.pairErrorText() << "\n" << Qt::flush;
+        return 1;
+    }
+    out << "Paired with " << state.apiBase() << "\n" << Qt::flush;
+    return 0;
+}
+
+int StateCommands::unpair(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+    if (!arguments.isEmpty()) {
+        return usage(err, QStringLiteral("unpair"));
+    }
+    AppState& state = offlineState();
+    const bool wasPaired = state.paired();
+    QCoro::waitFor(state.unpairAndWait());
+    out << (wasPaired ? "Unpaired\n" : "Not paired\n") << Qt::flush;
+    return 0;
+}
+
+int StateCommands::status(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+    if (!arguments.isEmpty()) {
+        return usage(err, QStringLiteral("status"));
+    }
+    const AppState& state = offlineState();
+    out << "Paired: " << (state.paired() ? "yes" : "no") << "\n";
+    out << "API: " << state.apiBase() << "\n";
+    out << "Ask before writing files: " << (state.requireWriteApproval() ? "on" : "off") << "\n";
+    out << "Shared folders: " << state.folders().size() << "\n";
+    for (const SharedFolder& folder : state.folders()) {
+        out << "  " << folder.name << "\t" << folder.path << "\n";
+    }
+    out << Qt::flush;
+    return 0;
+}
+
+int StateCommands::folders(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+    const QString usageText = QStringLiteral("folders [add PATH | remove NAME]");
+    if (arguments.isEmpty()) {
+        for (const SharedFolder& folder : offlineState().folders()) {
+            out << folder.name << "\t" << folder.path << "\n";
+        }
+        out << Qt::flush;
+        return 0;
+    }
+    if (arguments.size() != 2) {
+        return usage(err, usageText);
+    }
+    if (arguments[0] == u"add") {
+        const QFileInfo info(arguments[1]);
+        if (!info.exists()) {
+            return fail(err, QStringLiteral("%1 does not exist.").arg(arguments[1]));
+        }
+        if (!info.isDir()) {
+            return fail(err, QStringLiteral("%1 is not a folder.").arg(arguments[1]));
+        }
+        const SharedFolder added =
+            offlineState().addFolderAt(QDir::cleanPath(info.absoluteFilePath()));
+        out << added.name << "\n" << Qt::flush;
+        return 0;
+    }
+    if (arguments[0] == u"remove") {
+        AppState& state = offlineState();
+        for (const SharedFolder& folder : state.folders()) {
+            if (folder.name == arguments[1]) {
+                const SharedFolder removed = folder;
+                state.removeFolder(removed);
+                out << "Stopped sharing " << removed.name << "\n" << Qt::flush;
+                return 0;
+            }
+        }
+        return fail(err, QStringLiteral("No shared folder named '%1'.").arg(arguments[1]));
+    }
+    return usage(err, usageText);
+}
+
+int StateCommands::approval(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+    if (arguments.size() != 1 || (arguments[0] != u"on" && arguments[0] != u"off")) {
+        return usage(err, QStringLiteral("approval on|off"));
+    }
+    const bool on = arguments[0] == u"on";
+    offlineState().storeRequireWriteApproval(on);
+    out << "Ask before writing files: " << (on ? "on" : "off") << "\n" << Qt::flush;
+    return 0;
+}

@@ -1,0 +1,37 @@
+#include "TerminalApprovalPrompt.h"
+
+#include <QCoroSignal>
+#include <QSocketNotifier>
+
+#include <cstdio>
+
+#include <unistd.h>
+
+bool TerminalApprovalPrompt::terminalAvailable() {
+    return ::isatty(STDIN_FILENO) == 1;
+}
+
+QCoro::Task<bool> TerminalApprovalPrompt::ask(QString path, qint64 bytes) {
+    if (!terminalAvailable()) {
+        co_return false;
+    }
+    const QByteArray question =
+        messageText().toUtf8() + '\n' + informativeText(path, bytes).toUtf8() + "\nAllow? [y/N] ";
+    std::fwrite(question.constData(), 1, static_cast<std::size_t>(question.size()), stderr);
+    std::fflush(stderr);
+
+    // Wait for the answer without blocking the event loop: the bridge keeps its socket alive.
+    QByteArray line;
+    QSocketNotifier notifier(STDIN_FILENO, QSocketNotifier::Read);
+    while (!line.contains('\n')) {
+        co_await qCoro(&notifier, &QSocketNotifier::activated);
+        char buffer[256];
+        const ssize_t got = ::read(STDIN_FILENO, buffer, sizeof buffer);
+        if (got <= 0) {
+            break; // end of input counts as a refusal
+        }
+        line.append(buffer, got);
+    }
+    const QByteArray answer = line.left(line.indexOf('\n')).trimmed().toLower();
+    co_return answer == "y" || answer == "yes";
+}
