@@ -2,6 +2,7 @@
 
 #include "AppIdentity.h"
 #include "AppState.h"
+#include "AutostartCommand.h"
 #include "CallCommand.h"
 #include "HeadlessRunner.h"
 #include "StateCommands.h"
@@ -26,6 +27,7 @@ const std::map<QString, Command>& commands() {
         {QStringLiteral("status"), StateCommands::status},
         {QStringLiteral("folders"), StateCommands::folders},
         {QStringLiteral("approval"), StateCommands::approval},
+        {QStringLiteral("autostart"), AutostartCommand::run},
     };
     return table;
 }
@@ -49,6 +51,7 @@ QString helpText() {
                "  folders add PATH      share a folder; prints the name agents use for it\n"
                "  folders remove NAME   stop sharing the first folder of that name\n"
                "  approval on|off       ask before each agent write (on), or not (off)\n"
+               "  autostart on|off      start the companion when you log in, or not\n"
                "  call METHOD [PARAMS_JSON] [--folder NAME=PATH]... [--yes]\n"
                "                        run one tool call as an agent would; prints the result\n"
                "\n"
