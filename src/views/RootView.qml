@@ -1,0 +1,45 @@
+import QtQuick
+import Quillmar.Views
+
+// The window's content: onboarding until the user finishes it, then the home page for as long as
+// the Mac stays paired.
+Item {
+    id: root
+
+    // True once the user may see the home page. Set by whoever creates the view (paired at that
+    // moment), by onboarding's finish, and cleared whenever the Mac is unpaired.
+    property bool showHome: false
+    readonly property bool showingHome: showHome && AppState.paired
+
+    implicitWidth: 460
+    implicitHeight: 600
+
+    Loader {
+        id: content
+        objectName: "rootContent"
+        anchors.fill: parent
+        sourceComponent: root.showingHome ? homePage : onboardingPage
+    }
+
+    Component {
+        id: homePage
+        HomeView {}
+    }
+
+    Component {
+        id: onboardingPage
+        OnboardingView {
+            onFinish: root.showHome = true
+        }
+    }
+
+    // Unpairing, here or from the tray, sends the window back to the start of onboarding;
+    // pairing alone never opens the home page.
+    Connections {
+        target: AppState
+        function onPairedChanged() {
+            if (!AppState.paired)
+                root.showHome = false
+        }
+    }
+}

@@ -1,0 +1,33 @@
+pragma Singleton
+import QtQuick
+
+// The window's visual vocabulary: the brand colours, the logo and the desktop's own colours,
+// from which the secondary and tertiary text colours are derived so that they follow a light
+// or dark desktop.
+QtObject {
+    id: theme
+
+    readonly property color brand: Qt.rgba(16 / 255, 185 / 255, 129 / 255, 1)
+    readonly property color brandDeep: Qt.rgba(5 / 255, 150 / 255, 105 / 255, 1)
+
+    // Where brandLogo() looks for the logo; a missing image gives the "circle.dashed" symbol.
+    property url logoSource: "qrc:/Quillmar/Views/assets/quillmar-logo.png"
+    function brandLogo() {
+        return logoSource
+    }
+
+    readonly property SystemPalette palette: SystemPalette {
+        colorGroup: SystemPalette.Active
+    }
+    readonly property color windowBackground: palette.window
+    readonly property color controlBackground: palette.base
+    readonly property color primary: palette.windowText
+    readonly property color secondary: alpha(primary, 0.5)
+    readonly property color tertiary: alpha(primary, 0.26)
+    readonly property color separator: alpha(primary, 0.1)
+    readonly property color red: "#ff3b30"
+
+    function alpha(colour, opacity) {
+        return Qt.rgba(colour.r, colour.g, colour.b, colour.a * opacity)
+    }
+}

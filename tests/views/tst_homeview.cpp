@@ -1,0 +1,198 @@
+#include "AppSettings.h"
+#include "AppState.h"
+#include "OnboardingStep.h"
+#include "ViewHarness.h"
+
+#include <QQmlContext>
+#include <QQmlEngine>
+#include <QQmlProperty>
+#include <QQuickItem>
+#include <QQuickWindow>
+#include <QTest>
+
+// The home page: connection state, the shared folders, the write-approval switch and unpairing.
+class HomeViewTest : public QObject {
+    Q_OBJECT
+
+    static AppState& startPaired(ViewHarness& harness) {
+        harness.storeToken();
+        AppState& state = harness.start();
+        if (!harness.item(QStringLiteral("homeView"))) {
+            QTest::qFail("the home page is not shown", __FILE__, __LINE__);
+        }
+        return state;
+    }
+    static QColor colour(ViewHarness& harness, const QString& name) {
+        return harness.value(name, "color").value<QColor>();
+    }
+
+private slots:
+    void goingOfflineSwapsHeaderAndCard() {
+        ViewHarness harness;
+        startPaired(harness);
+        harness.reportStatus(true, QStringLiteral("Connected to Quillmar"));
+        QCOMPARE(harness.value(QStringLiteral("connectionText"), "text").toString(),
+                 QStringLiteral("Connected"));
+        QCOMPARE(colour(harness, QStringLiteral("statusDot")), ViewHarness::brand());
+        QCOMPARE(harness.item(QStringLiteral("statusDot"))->size(), QSizeF(7, 7));
+        QCOMPARE(harness.value(QStringLiteral("statusSymbol"), "name").toString(),
+                 QStringLiteral("checkmark.shield.fill"));
+        QCOMPARE(colour(harness, QStringLiteral("statusSymbol")), ViewHarness::brand());
+        QCOMPARE(harness.value(QStringLiteral("statusCardText"), "text").toString(),
+                 QStringLiteral(
+                     "Your agents can reach the folders below. Every write asks for approval."));
+        const QImage online = harness.window()->grabWindow();
+
+        harness.reportStatus(false, QStringLiteral("Reconnecting in 4s…"));
+        QCOMPARE(harness.value(QStringLiteral("connectionText"), "text").toString(),
+                 QStringLiteral("Reconnecting in 4s…"));
+        QVERIFY(colour(harness, QStringLiteral("statusDot")) != ViewHarness::brand());
+        QCOMPARE(harness.value(QStringLiteral("statusSymbol"), "name").toString(),
+                 QStringLiteral("shield.slash"));
+        QVERIFY(colour(harness, QStringLiteral("statusSymbol")) != ViewHarness::brand());
+        QCOMPARE(
+            harness.value(QStringLiteral("statusCardText"), "text").toString(),
+            QStringLiteral("Reconnecting to Quillmar — your shared folders resume automatically."));
+
+        // Nothing below the status card moves or changes.
+        const QImage offline = harness.window()->grabWindow();
+        QQuickItem* card = harness.item(QStringLiteral("statusCard"));
+        const int below =
+            int(card->mapToScene(QPointF(0, card->height())).y() * offline.devicePixelRatio()) + 1;
+        QCOMPARE(online.copy(0, below, online.width(), online.height() - below),
+                 offline.copy(0, below, offline.width(), offline.height() - below));
+
+        // The text is shown as the bridge gives it.
+        harness.reportStatus(false, QStringLiteral("Bad API URL"));
+        QCOMPARE(harness.value(QStringLiteral("connectionText"), "text").toString(),
+                 QStringLiteral("Bad API URL"));
+    }
+
+    void noFoldersShowsOnePlaceholderCardUntilTheFirstIsAdded() {
+        ViewHarness harness;
+        AppState& state = startPaired(harness);
+        QVERIFY(harness.item(QStringLiteral("noFoldersCard"))->isVisible());
+        QVERIFY(!harness.item(QStringLiteral("folderList"))->isVisible());
+        QCOMPARE(harness.items(QStringLiteral("removeFolderButton")).size(), 0);
+
+        harness.chooser().answers = {harness.folderPath(QStringLiteral("Invoices"))};
+        harness.click(QStringLiteral("homeAddButton"));
+        QCOMPARE(state.folders().size(), 1);
+        QVERIFY(!harness.item(QStringLiteral("noFoldersCard"))->isVisible());
+        QVERIFY(harness.item(QStringLiteral("folderList"))->isVisible());
+        QCOMPARE(harness.items(QStringLiteral("removeFolderButton")).size(), 1);
+    }
+
+    void foldersAreListedInOrderAndRemovedWithoutConfirmation() {
+        ViewHarness harness;
+        AppState& state = startPaired(harness);
+        const QString first = harness.addFolder(QStringLiteral("Alpha"));
+        const QString second = harness.addFolder(QStringLiteral("Beta"));
+        const QList<QQuickItem*> paths = harness.items(QStringLiteral("folderPath"));
+        QCOMPARE(paths.size(), 2);
+        QCOMPARE(paths[0]->property("text").toString(), first);
+        QCOMPARE(paths[1]->property("text").toString(), second);
+
+        QQuickItem* remove = harness.items(QStringLiteral("removeFolderButton")).value(1);
+        QVERIFY(remove);
+        QCOMPARE(QQmlProperty::read(remove, QStringLiteral("ToolTip.text"), qmlContext(remove))
+                     .toString(),
+                 QStringLiteral("Stop sharing this folder"));
+        harness.click(remove);
+        QCOMPARE(state.folders().size(), 1);
+        QCOMPARE(state.folders().constFirst().path, first);
+    }
+
+    void longPathIsElidedInTheMiddleOnOneLine() {
+        ViewHarness harness;
+        startPaired(harness);
+        QString name = QStringLiteral("start");
+        for (int i = 0; i < 12; ++i) {
+            name += QStringLiteral("/a-rather-long-folder-name-%1").arg(i);
+        }
+        name += QStringLiteral("/the-end");
+        const QString path = harness.addFolder(name);
+        QQuickItem* text = harness.item(QStringLiteral("folderPath"));
+        QCOMPARE(text->property("text").toString(), path);
+        QVERIFY(text->property("truncated").toBool());
+        QCOMPARE(text->property("elide").toInt(), int(Qt::ElideMiddle));
+        QCOMPARE(text->property("lineCount").toInt(), 1);
+        QVERIFY(text->height() < 20);
+        // It stays inside its card.
+        QQuickItem* card = text->parentItem()->parentItem()->parentItem();
+        QVERIFY(text->mapToItem(card, QPointF(text->width(), 0)).x() <= card->width());
+    }
+
+    void manyFoldersScroll() {
+        ViewHarness harness;
+        startPaired(harness);
+        for (int i = 0; i < 12; ++i) {
+            harness.addFolder(QStringLiteral("Folder %1").arg(i + 1));
+        }
+        QQuickItem* list = harness.item(QStringLiteral("folderList"));
+        QVERIFY(list->property("contentHeight").toReal() > list->height());
+        QQuickItem* unpair = harness.item(QStringLiteral("unpairButton"));
+        QVERIFY(unpair->mapToScene(QPointF(0, unpair->height())).y() <= 600 - 24 + 0.5);
+        QQuickItem* approval = harness.item(QStringLiteral("approvalCard"));
+        QQuickItem* divider = harness.item(QStringLiteral("divider"));
+        QVERIFY(approval->mapToScene(QPointF(0, approval->height())).y() + 40 <=
+                divider->mapToScene(QPointF()).y() + 0.5);
+    }
+
+    void approvalSwitchPersistsAtOnceAndRefreshesTheMenu() {
+        ViewHarness harness;
+        AppState& state = startPaired(harness);
+        QQuickItem* toggle = harness.item(QStringLiteral("approvalSwitch"));
+        QVERIFY(toggle->property("checked").toBool());
+        const int before = harness.changes;
+        harness.click(toggle);
+        QVERIFY(!toggle->property("checked").toBool());
+        QVERIFY(!state.requireWriteApproval());
+        QCOMPARE(AppSettings::boolean(QStringLiteral("require_write_approval")),
+                 std::optional<bool>(false));
+        QCOMPARE(harness.changes, before + 1);
+
+        harness.click(toggle);
+        QVERIFY(state.requireWriteApproval());
+        QCOMPARE(AppSettings::boolean(QStringLiteral("require_write_approval")),
+                 std::optional<bool>(true));
+        QCOMPARE(harness.changes, before + 2);
+
+        // A change from elsewhere (the tray menu) moves the switch.
+        state.storeRequireWriteApproval(false);
+        ViewHarness::settle();
+        QVERIFY(!toggle->property("checked").toBool());
+    }
+
+    void approvalSwitchShowsTheStoredSettingAfterARestart() {
+        ViewHarness harness;
+        AppSettings::setBoolean(QStringLiteral("require_write_approval"), false);
+        startPaired(harness);
+        QVERIFY(!harness.value(QStringLiteral("approvalSwitch"), "checked").toBool());
+    }
+
+    void unpairActsAtOnceAndReturnsToWelcome() {
+        ViewHarness harness;
+        AppState& state = startPaired(harness);
+        harness.addFolder(QStringLiteral("Kept"));
+        QCOMPARE(harness.value(QStringLiteral("unpairButton"), "text").toString(),
+                 QStringLiteral("Unpair this Mac"));
+        harness.click(QStringLiteral("unpairButton"));
+        QVERIFY(!state.paired());
+        QCOMPARE(state.folders().size(), 1);
+        QVERIFY(harness.item(QStringLiteral("onboardingView")));
+        QCOMPARE(harness.step(), int(OnboardingStep::Welcome));
+    }
+
+    void homeStyle() {
+        ViewHarness harness;
+        startPaired(harness);
+        QCOMPARE(harness.value(QStringLiteral("windowBackground"), "tint").toReal(), 0.05);
+        QCOMPARE(harness.item(QStringLiteral("homeLogo"))->size(), QSizeF(40, 40));
+        QCOMPARE(harness.value(QStringLiteral("divider"), "opacity").toReal(), 0.5);
+        QCOMPARE(harness.item(QStringLiteral("homeView"))->size(), QSizeF(460, 600));
+    }
+};
+
+QTEST_MAIN(HomeViewTest)
+#include "tst_homeview.moc"
