@@ -1,0 +1,24 @@
+#pragma once
+
+#include "WindowPresenter.h"
+
+#include <QString>
+
+#include <functional>
+#include <memory>
+
+// The desktop companion's entry point: the tray application that runs when the executable is
+// started without arguments. Makes the QApplication, hands over to a companion that is already
+// running (exit code 0), installs the alert and the folder dialog as the state's prompts, and
+// runs the AppDelegate until "Quit Quillmar OS".
+class DesktopApp {
+public:
+    using WindowFactory = std::function<std::unique_ptr<WindowPresenter>()>;
+
+    // `makeWindow` is called once, after the QApplication exists and only in the process that
+    // goes on running. Returns the process's exit code; no QCoreApplication may exist yet.
+    static int run(int& argc, char** argv, const WindowFactory& makeWindow);
+
+    // The name shown for the application (window titles, the alert).
+    static QString displayName();
+};

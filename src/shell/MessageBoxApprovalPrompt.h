@@ -1,0 +1,15 @@
+#pragma once
+
+#include "ApprovalPrompt.h"
+
+// Asks about a write in a warning alert with "Allow" (the default) and "Deny". Only "Allow"
+// lets the write go ahead; "Deny", Escape or closing the alert refuse it. The alert is shown
+// without a nested event loop: the asking call is suspended until the alert finishes, and the
+// application (the bridge's keep-alive, the tray, the window) keeps running meanwhile.
+class MessageBoxApprovalPrompt : public ApprovalPrompt {
+public:
+    QCoro::Task<bool> ask(QString path, qint64 bytes) override;
+
+    // The alert's object name, by which tests and accessibility tools find it.
+    static QString alertObjectName();
+};

@@ -1,0 +1,71 @@
+#include "StatusMenuModel.h"
+
+#include "AppState.h"
+
+QString StatusMenuModel::toolTip() const {
+    return buttonTitle.trimmed() + u'\n' + header;
+}
+
+StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& statusText,
+                                       const QList<SharedFolder>& folders,
+                                       bool requireWriteApproval) {
+    StatusMenuModel model;
+    model.symbolName = online ? onlineSymbol() : offlineSymbol();
+    model.accessibilityDescription = QStringLiteral("Quillmar");
+    model.buttonTitle = QStringLiteral(" Quillmar OS");
+    model.header = online ? QStringLiteral("Quillmar OS — Connected")
+                          : QStringLiteral("Quillmar OS — ") + statusText;
+
+    QList<MenuItem>& items = model.items;
+    items.append(MenuItem::make(model.header, MenuAction::None, false));
+    items.append(MenuItem::makeSeparator());
+
+    if (!paired) {
+        items.append(MenuItem::make(QStringLiteral("Set Up Quillmar OS…"), MenuAction::OpenSetup));
+    } else {
+        items.append(MenuItem::make(QStringLiteral("Shared Folders"), MenuAction::None, false));
+        if (folders.isEmpty()) {
+            items.append(MenuItem::make(QStringLiteral("  (none yet — add one below)"),
+                                        MenuAction::None, false));
+        }
+        for (const SharedFolder& folder : folders) {
+            MenuItem entry = MenuItem::make(folderTitle(folder), MenuAction::None);
+            entry.submenu.append(MenuItem::make(folder.path, MenuAction::None, false));
+            entry.submenu.append(MenuItem::makeSeparator());
+            MenuItem stop = MenuItem::make(QStringLiteral("Stop sharing this folder"),
+                                           MenuAction::RemoveFolder);
+            stop.representedObject = folderIdString(folder);
+            entry.submenu.append(stop);
+            items.append(entry);
+        }
+        items.append(MenuItem::make(QStringLiteral("Add Folder…"), MenuAction::AddFolder));
+        items.append(
+            MenuItem::make(QStringLiteral("Open Quillmar OS Window…"), MenuAction::OpenSetup));
+        items.append(MenuItem::makeSeparator());
+        MenuItem approval =
+            MenuItem::make(QStringLiteral("Ask before writing files"), MenuAction::ToggleApproval);
+        approval.checkable = true;
+        approval.checked = requireWriteApproval;
+        items.append(approval);
+        items.append(MenuItem::make(QStringLiteral("Unpair this Mac"), MenuAction::Unpair));
+    }
+
+    items.append(MenuItem::makeSeparator());
+    MenuItem quit = MenuItem::make(QStringLiteral("Quit Quillmar OS"), MenuAction::Quit);
+    quit.key = QStringLiteral("q");
+    items.append(quit);
+    return model;
+}
+
+StatusMenuModel StatusMenuModel::build(const AppState& state) {
+    return build(state.online(), state.paired(), state.statusText(), state.folders(),
+                 state.requireWriteApproval());
+}
+
+QString StatusMenuModel::folderTitle(const SharedFolder& folder) {
+    return QStringLiteral("  \U0001F4C1 ") + folder.name;
+}
+
+QString StatusMenuModel::folderIdString(const SharedFolder& folder) {
+    return folder.id.toString(QUuid::WithoutBraces).toUpper();
+}

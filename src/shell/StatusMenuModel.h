@@ -1,0 +1,38 @@
+#pragma once
+
+#include "MenuItem.h"
+#include "SharedFolder.h"
+
+#include <QList>
+#include <QString>
+
+class AppState;
+
+// Everything the tray shows, as a pure function of the application state: the icon, the texts
+// and the menu. Built afresh on every change and rendered into new widgets; never patched.
+class StatusMenuModel {
+public:
+    // The drive symbols: with a check badge while the bridge is online, plain otherwise.
+    static QString onlineSymbol() { return QStringLiteral("externaldrive.fill.badge.checkmark"); }
+    static QString offlineSymbol() { return QStringLiteral("externaldrive"); }
+
+    QString symbolName;
+    QString accessibilityDescription;
+    // Shown next to the icon where a panel has room for a title; ours goes into the tool tip.
+    QString buttonTitle;
+    // The first, disabled line of the menu.
+    QString header;
+    QList<MenuItem> items;
+
+    // "Quillmar OS" and the header, on two lines.
+    QString toolTip() const;
+
+    static StatusMenuModel build(bool online, bool paired, const QString& statusText,
+                                 const QList<SharedFolder>& folders, bool requireWriteApproval);
+    static StatusMenuModel build(const AppState& state);
+
+    // Two spaces, the folder emoji, a space and the folder's name.
+    static QString folderTitle(const SharedFolder& folder);
+    // The canonical, upper-case form that the "Stop sharing" item carries.
+    static QString folderIdString(const SharedFolder& folder);
+};

@@ -1,0 +1,3 @@
+#include "WindowPresenter.h"
+
+WindowPresenter::~WindowPresenter() = default;

@@ -1,0 +1,5 @@
+#include "FakeWindow.h"
+
+void FakeWindow::show() {
+    ++*m_shows;
+}

@@ -1,0 +1,239 @@
+#include "MainMenuModel.h"
+#include "MenuItem.h"
+#include "ShellTestMain.h"
+#include "StatusMenuModel.h"
+
+#include <QTest>
+
+namespace {
+
+SharedFolder folder(const QString& name, const QString& path) {
+    return SharedFolder{QUuid::createUuid(), name, path, std::nullopt};
+}
+
+QStringList titles(const QList<MenuItem>& items) {
+    QStringList out;
+    for (const MenuItem& item : items) {
+        out.append(item.separator ? QStringLiteral("---") : item.title);
+    }
+    return out;
+}
+
+} // namespace
+
+class StatusMenuModelTest : public QObject {
+    Q_OBJECT
+
+private slots:
+    void unpairedLayout() {
+        const StatusMenuModel model =
+            StatusMenuModel::build(false, false, QStringLiteral("Not connected"), {}, true);
+        QCOMPARE(MenuItem::describe(model.items),
+                 (QStringList{
+                     QStringLiteral("Quillmar OS — Not connected (disabled)"),
+                     QStringLiteral("---"),
+                     QStringLiteral("Set Up Quillmar OS… -> openSetup"),
+                     QStringLiteral("---"),
+                     QStringLiteral("Quit Quillmar OS -> quitTapped <q>"),
+                 }));
+        QCOMPARE(model.symbolName, QStringLiteral("externaldrive"));
+    }
+
+    void unpairedLayoutIgnoresFoldersAndApproval() {
+        const StatusMenuModel model =
+            StatusMenuModel::build(false, false, QStringLiteral("Not connected"),
+                                   {folder(QStringLiteral("A"), QStringLiteral("/a"))}, false);
+        QCOMPARE(titles(model.items),
+                 (QStringList{QStringLiteral("Quillmar OS — Not connected"), QStringLiteral("---"),
+                              QStringLiteral("Set Up Quillmar OS…"), QStringLiteral("---"),
+                              QStringLiteral("Quit Quillmar OS")}));
+    }
+
+    void pairedWithoutFolders() {
+        const StatusMenuModel model =
+            StatusMenuModel::build(false, true, QStringLiteral("Not connected"), {}, true);
+        QCOMPARE(MenuItem::describe(model.items),
+                 (QStringList{
+                     QStringLiteral("Quillmar OS — Not connected (disabled)"),
+                     QStringLiteral("---"),
+                     QStringLiteral("Shared Folders (disabled)"),
+                     QStringLiteral("  (none yet — add one below) (disabled)"),
+                     QStringLiteral("Add Folder… -> addFolderTapped"),
+                     QStringLiteral("Open Quillmar OS Window… -> openSetup"),
+                     QStringLiteral("---"),
+                     QStringLiteral("Ask before writing files [x] -> toggleApproval"),
+                     QStringLiteral("Unpair this Mac -> unpairTapped"),
+                     QStringLiteral("---"),
+                     QStringLiteral("Quit Quillmar OS -> quitTapped <q>"),
+                 }));
+        // Two leading spaces, and nothing to click.
+        const MenuItem& none = model.items.at(3);
+        QVERIFY(none.title.startsWith(QStringLiteral("  (")));
+        QVERIFY(!none.enabled);
+        QCOMPARE(none.action, MenuAction::None);
+    }
+
+    void pairedWithFolders() {
+        const SharedFolder docs = folder(QStringLiteral("Docs"), QStringLiteral("/home/u/Docs"));
+        const SharedFolder notes =
+            folder(QStringLiteral("Notes 2"), QStringLiteral("/home/u/work/Notes"));
+        const StatusMenuModel model = StatusMenuModel::build(
+            true, true, QStringLiteral("Connected to Quillmar"), {docs, notes}, false);
+        const QString docsId = docs.id.toString(QUuid::WithoutBraces).toUpper();
+        const QString notesId = notes.id.toString(QUuid::WithoutBraces).toUpper();
+        QCOMPARE(MenuItem::describe(model.items),
+                 (QStringList{
+                     QStringLiteral("Quillmar OS — Connected (disabled)"),
+                     QStringLiteral("---"),
+                     QStringLiteral("Shared Folders (disabled)"),
+                     QStringLiteral("  \U0001F4C1 Docs"),
+                     QStringLiteral("    /home/u/Docs (disabled)"),
+                     QStringLiteral("    ---"),
+                     QStringLiteral("    Stop sharing this folder -> removeFolderTapped {") +
+                         docsId + u'}',
+                     QStringLiteral("  \U0001F4C1 Notes 2"),
+                     QStringLiteral("    /home/u/work/Notes (disabled)"),
+                     QStringLiteral("    ---"),
+                     QStringLiteral("    Stop sharing this folder -> removeFolderTapped {") +
+                         notesId + u'}',
+                     QStringLiteral("Add Folder… -> addFolderTapped"),
+                     QStringLiteral("Open Quillmar OS Window… -> openSetup"),
+                     QStringLiteral("---"),
+                     QStringLiteral("Ask before writing files [ ] -> toggleApproval"),
+                     QStringLiteral("Unpair this Mac -> unpairTapped"),
+                     QStringLiteral("---"),
+                     QStringLiteral("Quit Quillmar OS -> quitTapped <q>"),
+                 }));
+        // The folder entry opens its submenu and carries nothing itself.
+        const MenuItem& entry = model.items.at(3);
+        QVERIFY(entry.enabled);
+        QCOMPARE(entry.action, MenuAction::None);
+        QVERIFY(entry.representedObject.isNull());
+        // The id is a string: canonical, upper-case, 36 characters.
+        const QVariant id = entry.submenu.at(2).representedObject;
+        QCOMPARE(id.typeId(), int(QMetaType::QString));
+        QCOMPARE(id.toString().size(), 36);
+        QCOMPARE(id.toString(), id.toString().toUpper());
+    }
+
+    void twoFoldersWithTheSamePathAreTwoEntries() {
+        const SharedFolder first = folder(QStringLiteral("Docs"), QStringLiteral("/d"));
+        const SharedFolder second = folder(QStringLiteral("Docs 2"), QStringLiteral("/d"));
+        const StatusMenuModel model =
+            StatusMenuModel::build(true, true, QString(), {first, second}, true);
+        const MenuItem& a = model.items.at(3);
+        const MenuItem& b = model.items.at(4);
+        QCOMPARE(a.submenu.at(0).title, QStringLiteral("/d"));
+        QCOMPARE(b.submenu.at(0).title, QStringLiteral("/d"));
+        QCOMPARE(a.submenu.at(2).representedObject.toString(),
+                 StatusMenuModel::folderIdString(first));
+        QCOMPARE(b.submenu.at(2).representedObject.toString(),
+                 StatusMenuModel::folderIdString(second));
+        QVERIFY(a.submenu.at(2).representedObject != b.submenu.at(2).representedObject);
+    }
+
+    void offlineHeaderShowsTheBridgeText() {
+        const QString reconnecting = QStringLiteral("Reconnecting in 4s\u2026");
+        const StatusMenuModel model = StatusMenuModel::build(false, true, reconnecting, {}, true);
+        QCOMPARE(model.header, QStringLiteral("Quillmar OS — Reconnecting in 4s…"));
+        QCOMPARE(model.items.front().title, model.header);
+        QVERIFY(!model.items.front().enabled);
+        QCOMPARE(model.symbolName, QStringLiteral("externaldrive"));
+    }
+
+    void offlineHeaderTakesAnyTextAsItStands() {
+        QCOMPARE(StatusMenuModel::build(false, true, QString(), {}, true).header,
+                 QStringLiteral("Quillmar OS — "));
+        QCOMPARE(StatusMenuModel::build(false, false, QStringLiteral("a\nb"), {}, true).header,
+                 QStringLiteral("Quillmar OS — a\nb"));
+    }
+
+    void onlineHeaderSaysConnected() {
+        const StatusMenuModel model =
+            StatusMenuModel::build(true, true, QStringLiteral("Connected to Quillmar"), {}, true);
+        QCOMPARE(model.header, QStringLiteral("Quillmar OS — Connected"));
+        QCOMPARE(model.symbolName, QStringLiteral("externaldrive.fill.badge.checkmark"));
+        QCOMPARE(model.accessibilityDescription, QStringLiteral("Quillmar"));
+        QCOMPARE(model.buttonTitle, QStringLiteral(" Quillmar OS"));
+        QCOMPARE(model.toolTip(), QStringLiteral("Quillmar OS\nQuillmar OS — Connected"));
+    }
+
+    void approvalCheckFollowsTheSetting() {
+        for (const bool on : {true, false}) {
+            const StatusMenuModel model = StatusMenuModel::build(false, true, QString(), {}, on);
+            const MenuItem& approval = model.items.at(7);
+            QCOMPARE(approval.title, QStringLiteral("Ask before writing files"));
+            QVERIFY(approval.checkable);
+            QCOMPARE(approval.checked, on);
+            QVERIFY(approval.enabled);
+        }
+    }
+
+    void onlyQuitHasAKey() {
+        const StatusMenuModel model = StatusMenuModel::build(
+            true, true, QString(), {folder(QStringLiteral("A"), QStringLiteral("/a"))}, true);
+        for (const MenuItem& item : model.items) {
+            QCOMPARE(item.key, item.action == MenuAction::Quit ? QStringLiteral("q") : QString());
+            for (const MenuItem& sub : item.submenu) {
+                QVERIFY(sub.key.isEmpty());
+            }
+        }
+        QCOMPARE(model.items.back().shortcut(), QKeySequence(Qt::CTRL | Qt::Key_Q));
+    }
+
+    void titlesUseTheRealCharacters() {
+        const StatusMenuModel model = StatusMenuModel::build(
+            false, true, QString(), {folder(QStringLiteral("A"), QStringLiteral("/a"))}, true);
+        const QString setUp =
+            StatusMenuModel::build(false, false, QString(), {}, true).items.at(2).title;
+        QCOMPARE(setUp.back(), QChar(0x2026));
+        QCOMPARE(model.items.at(0).title.at(12), QChar(0x2014));
+        const QString entry = model.items.at(3).title;
+        QCOMPARE(entry.left(2), QStringLiteral("  "));
+        QCOMPARE(entry.toUcs4().at(2), char32_t(0x1F4C1));
+        QCOMPARE(entry.mid(4), QStringLiteral(" A"));
+        // No ellipsis although it acts at once.
+        QCOMPARE(model.items.at(8).title, QStringLiteral("Unpair this Mac"));
+    }
+
+    void mainMenu() {
+        const QList<MenuItem> menus = MainMenuModel::build();
+        QCOMPARE(menus.size(), 2);
+        QCOMPARE(menus.at(0).title, QString());
+        QCOMPARE(
+            MenuItem::describe(menus.at(0).submenu),
+            (QStringList{QStringLiteral("Hide Quillmar OS -> hide: <h>"), QStringLiteral("---"),
+                         QStringLiteral("Quit Quillmar OS -> terminate: <q>")}));
+        QCOMPARE(menus.at(1).title, QStringLiteral("Edit"));
+        QCOMPARE(MenuItem::describe(menus.at(1).submenu),
+                 (QStringList{
+                     QStringLiteral("Undo -> undo: <z>"),
+                     QStringLiteral("Redo -> redo: <Z>"),
+                     QStringLiteral("---"),
+                     QStringLiteral("Cut -> cut: <x>"),
+                     QStringLiteral("Copy -> copy: <c>"),
+                     QStringLiteral("Paste -> paste: <v>"),
+                     QStringLiteral("Select All -> selectAll: <a>"),
+                 }));
+    }
+
+    void keysBecomeControlShortcuts() {
+        QCOMPARE(MenuItem::shortcutFor(QStringLiteral("q")), QKeySequence(Qt::CTRL | Qt::Key_Q));
+        QCOMPARE(MenuItem::shortcutFor(QStringLiteral("h")), QKeySequence(Qt::CTRL | Qt::Key_H));
+        QCOMPARE(MenuItem::shortcutFor(QStringLiteral("Z")),
+                 QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z));
+        QCOMPARE(MenuItem::shortcutFor(QString()), QKeySequence());
+        QCOMPARE(MenuItem::shortcutFor(QStringLiteral("qq")), QKeySequence());
+        // The Edit keys are the ones Qt's text fields answer on this platform.
+        const QList<MenuItem> edit = MainMenuModel::build().at(1).submenu;
+        QVERIFY(QKeySequence::keyBindings(QKeySequence::Undo).contains(edit.at(0).shortcut()));
+        QVERIFY(QKeySequence::keyBindings(QKeySequence::Redo).contains(edit.at(1).shortcut()));
+        QVERIFY(QKeySequence::keyBindings(QKeySequence::Cut).contains(edit.at(3).shortcut()));
+        QVERIFY(QKeySequence::keyBindings(QKeySequence::Copy).contains(edit.at(4).shortcut()));
+        QVERIFY(QKeySequence::keyBindings(QKeySequence::Paste).contains(edit.at(5).shortcut()));
+        QVERIFY(QKeySequence::keyBindings(QKeySequence::SelectAll).contains(edit.at(6).shortcut()));
+    }
+};
+
+QUILLMAR_SHELL_TEST_MAIN(StatusMenuModelTest)
+#include "tst_statusmenumodel.moc"
