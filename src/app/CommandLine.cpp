@@ -4,8 +4,11 @@
 #include "AppState.h"
 #include "AutostartCommand.h"
 #include "CallCommand.h"
+#include "DesktopApp.h"
 #include "HeadlessRunner.h"
+#include "OnboardingWindowController.h"
 #include "StateCommands.h"
+#include "WindowPresenterFor.h"
 
 #include <QCoreApplication>
 #include <QStringList>
@@ -72,6 +75,12 @@ int CommandLine::run(int argc, char* argv[]) {
     for (int i = 1; i < argc; ++i) {
         arguments.append(QString::fromLocal8Bit(argv[i]));
     }
+    // Without arguments: the desktop companion, which makes its own QApplication.
+    if (arguments.isEmpty()) {
+        return DesktopApp::run(argc, argv, [] {
+            return std::make_unique<WindowPresenterFor<OnboardingWindowController>>();
+        });
+    }
 
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(AppIdentity::id());
@@ -108,6 +117,6 @@ int CommandLine::run(int argc, char* argv[]) {
             << Qt::flush;
         return 2;
     }
-    Q_UNUSED(headless)
+    Q_ASSERT(headless);
     return HeadlessRunner::run(out, err);
 }
