@@ -1,5 +1,7 @@
 #include "DevService.h"
 
+#include "WebConsole.h"
+
 #include <QFile>
 #include <QHttpServerRequest>
 #include <QHttpServerResponder>
@@ -156,6 +158,8 @@ void DevService::addRoutes() {
                  });
     m_http.route(QStringLiteral("/api/v1/agent/bridge/refuse"), Method::Post,
                  [this](const QHttpServerRequest& request) { return refuseBridges(request); });
+
+    WebConsole::addRoutes(m_http);
 
     m_http.setMissingHandler([](const QHttpServerRequest&, QHttpServerResponder&& responder) {
         responder.write(compact({{QStringLiteral("error"), QStringLiteral("Not found.")}}),
