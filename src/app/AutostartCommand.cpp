@@ -51,8 +51,8 @@ QByteArray AutostartCommand::entryContents(const QString& executable) {
                           "Exec=%1\n"
                           "Icon=%2\n"
                           "Terminal=false\n"
-                          "Categories=Utility;Network;\n"
-                          "NoDisplay=false\n"
+                          "Categories=Network;FileTransfer;\n"
+                          "StartupNotify=false\n"
                           "X-GNOME-Autostart-enabled=true\n")
         .arg(quotedExec(executable), AppIdentity::id())
         .toUtf8();

@@ -61,7 +61,7 @@ QString helpText() {
                "Options:\n"
                "  --headless            run without tray or window until interrupted\n"
                "  -h, --help            show this help\n"
-               "  -v, --version         show the version\n"
+               "  -V, --version         show the version\n"
                "\n"
                "Environment:\n"
                "  QUILLMAR_API          the service's address (default ") +
@@ -88,6 +88,13 @@ int CommandLine::run(int argc, char* argv[]) {
     QTextStream out(stdout);
     QTextStream err(stderr);
 
+    // "COMMAND --help" and "help" show the help, whatever the command would make of the word.
+    if (!arguments.isEmpty() &&
+        (arguments.front() == u"help" || arguments.contains(QStringLiteral("--help")) ||
+         arguments.contains(QStringLiteral("-h")))) {
+        out << helpText() << Qt::flush;
+        return out.status() == QTextStream::Ok ? 0 : 1;
+    }
     if (!arguments.isEmpty()) {
         const auto command = commands().find(arguments.front());
         if (command != commands().end()) {
@@ -101,10 +108,10 @@ int CommandLine::run(int argc, char* argv[]) {
             out << helpText() << Qt::flush;
             return 0;
         }
-        if (argument == u"--version" || argument == u"-v") {
+        if (argument == u"--version" || argument == u"-v" || argument == u"-V") {
             out << "quillmar-companion " << QCoreApplication::applicationVersion() << "\n"
                 << Qt::flush;
-            return 0;
+            return out.status() == QTextStream::Ok ? 0 : 1;
         }
         if (argument == u"--headless") {
             headless = true;

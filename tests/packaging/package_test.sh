@@ -156,7 +156,7 @@ check_autostart() { # executable installed-desktop-entry
     fi
     desktop-file-validate "$entry" >/dev/null 2>&1 || fail "autostart entry: $(desktop-file-validate "$entry" 2>&1)"
     local key
-    for key in Type Name Comment Icon Terminal; do
+    for key in Type Name Comment Icon Terminal Categories StartupNotify; do
         check_equal "autostart $key" "$(desktop_value "$2" "$key")" "$(desktop_value "$entry" "$key")"
     done
     check_equal "autostart Exec" "$1" "$(desktop_value "$entry" Exec)"
