@@ -1,6 +1,7 @@
 #include "TerminalApprovalPrompt.h"
 
-#include <QCoroSignal>
+#include <QCoroFuture>
+#include <QPromise>
 #include <QSocketNotifier>
 
 #include <cstdio>
@@ -24,7 +25,15 @@ QCoro::Task<bool> TerminalApprovalPrompt::ask(QString path, qint64 bytes) {
     QByteArray line;
     QSocketNotifier notifier(STDIN_FILENO, QSocketNotifier::Read);
     while (!line.contains('\n')) {
-        co_await qCoro(&notifier, &QSocketNotifier::activated);
+        // activated() is a private signal: qCoro() would hand its QPrivateSignal argument on as
+        // a reference to nothing. A slot without arguments finishes a future instead, and the
+        // future's watcher resumes this coroutine from the event loop.
+        QPromise<void> readable;
+        readable.start();
+        const QMetaObject::Connection connection = QObject::connect(
+            &notifier, &QSocketNotifier::activated, [&readable] { readable.finish(); });
+        co_await readable.future();
+        QObject::disconnect(connection);
         char buffer[256];
         const ssize_t got = ::read(STDIN_FILENO, buffer, sizeof buffer);
         if (got <= 0) {

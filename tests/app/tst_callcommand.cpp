@@ -1,31 +1,21 @@
+#include "CommandRun.h"
+#include "CompanionSandbox.h"
 #include "TempTree.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTest>
 
 namespace {
 
-struct Run {
-    int exitCode = -1;
-    QByteArray out;
-    QByteArray err;
-};
+using Run = CommandRun;
 
-Run run(const QStringList& arguments, const QString& workingDirectory = QString()) {
-    QProcess process;
-    if (!workingDirectory.isEmpty()) {
-        process.setWorkingDirectory(workingDirectory);
-    }
-    process.start(QStringLiteral(QUILLMAR_COMPANION_BIN), arguments);
-    if (!process.waitForFinished(60000)) {
-        process.kill();
-        process.waitForFinished();
-    }
-    return Run{process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-               process.readAllStandardOutput(), process.readAllStandardError()};
+// Each run gets `sandbox` as its home: `call` reads the shared folders saved there.
+Run run(const CompanionSandbox& sandbox, const QStringList& arguments,
+        const QString& workingDirectory = QString()) {
+    return CommandRun::run(QStringLiteral(QUILLMAR_COMPANION_BIN), arguments, sandbox.environment(),
+                           workingDirectory);
 }
 
 QJsonObject parseLine(const QByteArray& out) {
@@ -42,9 +32,15 @@ class CallCommandTest : public QObject {
     Q_OBJECT
 
     TempTree tree;
+    CompanionSandbox sandbox;
+
+    Run run(const QStringList& arguments, const QString& workingDirectory = QString()) const {
+        return ::run(sandbox, arguments, workingDirectory);
+    }
 
 private slots:
     void initTestCase() {
+        QVERIFY(sandbox.isValid());
         tree.file(QStringLiteral("Docs/a.txt"), "h\xc3\xa9llo \"quoted\"\n");
         tree.file(QStringLiteral("Docs/sub/report.md"), "# r");
         tree.file(QStringLiteral("Pics/x.png"), "png");
@@ -103,6 +99,35 @@ private slots:
         QCOMPARE(r.exitCode, 0);
         QCOMPARE(r.out, QByteArray(R"({"count":0,"items":[],"path":""})"
                                    "\n"));
+    }
+
+    void savedFoldersAreSharedWhenNoneAreGiven() {
+        CompanionSandbox own;
+        QVERIFY(own.isValid());
+        const Run added = ::run(own, {QStringLiteral("folders"), QStringLiteral("add"),
+                                      tree.path(QStringLiteral("Pics"))});
+        QCOMPARE(added.exitCode, 0);
+        QCOMPARE(added.out, QByteArray("Pics\n"));
+
+        Run r = ::run(own, {QStringLiteral("call"), QStringLiteral("local_read_file"),
+                            QStringLiteral(R"({"path":"Pics/x.png"})")});
+        QCOMPARE(r.exitCode, 0);
+        QCOMPARE(parseLine(r.out).value(QStringLiteral("content")).toString(),
+                 QStringLiteral("png"));
+
+        // Folders given on the command line replace the saved ones for that call.
+        r = ::run(own, {QStringLiteral("call"), QStringLiteral("local_list_files"),
+                        QStringLiteral("--folder"),
+                        QStringLiteral("Docs=") + tree.path(QStringLiteral("Docs"))});
+        QCOMPARE(r.exitCode, 0);
+        const QJsonArray items = parseLine(r.out).value(QStringLiteral("items")).toArray();
+        QCOMPARE(items.size(), 1);
+        QCOMPARE(items[0].toObject().value(QStringLiteral("name")).toString(),
+                 QStringLiteral("Docs"));
+
+        // Another home knows nothing of them.
+        r = run({QStringLiteral("call"), QStringLiteral("local_list_files")});
+        QCOMPARE(parseLine(r.out).value(QStringLiteral("count")).toInteger(), 0);
     }
 
     void unknownMethodExitsOne() {

@@ -1,15 +1,20 @@
-// The whole road of a tool call: quillmar-devservice and `quillmar-companion bridge` as real
-// processes, paired over HTTP, talking over the bridge on 127.0.0.1.
+// The whole road of a tool call: quillmar-devservice and the headless quillmar-companion as
+// real processes, paired and set up through the companion's own commands, talking over the
+// bridge on 127.0.0.1. The companion runs in a throwaway home without a session bus, so its
+// token goes to a file there.
 
+#include "CommandRun.h"
+#include "CompanionSandbox.h"
+#include "DevServiceProcess.h"
 #include "FileService.h"
 #include "HttpJson.h"
+#include "LineProcess.h"
 #include "TempTree.h"
 
 #include <QCoroTask>
-#include <QElapsedTimer>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QProcess>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QTest>
@@ -17,50 +22,8 @@
 
 namespace {
 
-// A child process whose standard output is taken line by line, each line with the time it
-// arrived.
-struct LineProcess {
-    QProcess process;
-    QStringList lines;
-    QList<qint64> times;
-    QElapsedTimer clock;
-    QByteArray pending;
-
-    LineProcess() {
-        clock.start();
-        process.setProcessChannelMode(QProcess::SeparateChannels);
-        QObject::connect(&process, &QProcess::readyReadStandardOutput, [this] {
-            pending += process.readAllStandardOutput();
-            for (qsizetype end = pending.indexOf('\n'); end >= 0; end = pending.indexOf('\n')) {
-                lines.append(QString::fromUtf8(pending.left(end)));
-                times.append(clock.elapsed());
-                pending.remove(0, end + 1);
-            }
-        });
-    }
-
-    ~LineProcess() { stop(); }
-
-    void stop() {
-        if (process.state() != QProcess::NotRunning) {
-            process.kill();
-            process.waitForFinished(5000);
-        }
-    }
-
-    // Index of the first line at or after `from` equal to `line`, waiting for it; -1 if it
-    // does not come in time.
-    qsizetype waitFor(const QString& line, qsizetype from = 0, int timeoutMs = 10000) {
-        static_cast<void>(QTest::qWaitFor(
-            [&] {
-                return lines.indexOf(line, from) >= 0 || process.state() == QProcess::NotRunning;
-            },
-            timeoutMs));
-        return lines.indexOf(line, from);
-    }
-};
-
-const QString online = QStringLiteral("online Connected to Quillmar");
+const QString companionBin = QStringLiteral(QUILLMAR_COMPANION_BIN);
+const QString online = QStringLiteral("Connected to Quillmar");
 
 } // namespace
 
@@ -69,34 +32,26 @@ class BridgeEndToEndTest : public QObject {
 
     TempTree tree;
     QTemporaryDir stateDir;
+    CompanionSandbox sandbox;
     QList<SharedFolder> folders;
-    std::unique_ptr<LineProcess> service;
+    std::unique_ptr<DevServiceProcess> service;
     std::unique_ptr<LineProcess> companion;
     std::unique_ptr<HttpJson> http;
-    quint16 port = 0;
-    QString pairingCode;
-    QString token;
     QString deviceId;
+    // What the companion's commands printed, and their arguments, for the token check.
+    QList<QByteArray> commandOutputs;
+    QList<QStringList> commandArguments;
 
-    bool startService(quint16 wanted) {
-        service = std::make_unique<LineProcess>();
-        service->process.start(QStringLiteral(QUILLMAR_DEVSERVICE_BIN),
-                               {QStringLiteral("--port"), QString::number(wanted),
-                                QStringLiteral("--state"),
-                                stateDir.filePath(QStringLiteral("state.json"))});
-        if (!QTest::qWaitFor([&] { return service->lines.size() >= 2; }, 10000)) {
-            qWarning() << service->process.readAllStandardError();
-            return false;
-        }
-        const QString listening = service->lines[0];
-        if (!listening.startsWith(u"listening http://127.0.0.1:") ||
-            !service->lines[1].startsWith(u"pairing-code ")) {
-            return false;
-        }
-        port = quint16(listening.section(u':', -1).toUInt());
-        pairingCode = service->lines[1].section(u' ', 1);
-        http = std::make_unique<HttpJson>(QStringLiteral("http://127.0.0.1:%1").arg(port));
-        return port != 0 && (wanted == 0 || port == wanted);
+    CommandRun companionCommand(const QStringList& arguments) {
+        const CommandRun r = CommandRun::run(companionBin, arguments, sandbox.environment());
+        commandOutputs << r.out << r.err;
+        commandArguments << arguments;
+        return r;
+    }
+
+    QString token() const {
+        const QStringList tokens = service->deviceTokens();
+        return tokens.size() == 1 ? tokens.front() : QString();
     }
 
     QJsonObject expectedFrame(const QString& reqId, const QString& method,
@@ -127,33 +82,40 @@ private slots:
                    SharedFolder{QUuid::createUuid(), QStringLiteral("Pics"),
                                 tree.path(QStringLiteral("Pics")), std::nullopt}};
 
-        QVERIFY(startService(0));
+        QVERIFY(sandbox.isValid());
+        service =
+            std::make_unique<DevServiceProcess>(QStringLiteral(QUILLMAR_DEVSERVICE_BIN),
+                                                stateDir.filePath(QStringLiteral("state.json")));
+        QVERIFY2(service->start(), qPrintable(service->describe()));
+        http = std::make_unique<HttpJson>(service->baseUrl());
+        sandbox.setApiBase(service->baseUrl());
 
-        // Pairing, as the companion's pairing client will do it: one plain POST.
-        const HttpJson::Reply claim =
-            http->post(QStringLiteral("/api/v1/devices/pair/claim"),
-                       QJsonObject{{QStringLiteral("code"), pairingCode},
-                                   {QStringLiteral("device_name"), QStringLiteral("Test box")},
-                                   {QStringLiteral("platform"), QStringLiteral("macos")}});
-        QCOMPARE(claim.status, 200);
-        token = claim.json().value(QStringLiteral("device_token")).toString();
-        deviceId = claim.json().value(QStringLiteral("device_id")).toString();
-        QVERIFY(!token.isEmpty() && !deviceId.isEmpty());
+        // Set up as a user would: pair with the code the service printed, share two folders.
+        CommandRun r = companionCommand({QStringLiteral("pair"), service->pairingCode()});
+        QVERIFY2(r.exitCode == 0, qPrintable(r.describe()));
+        QVERIFY(!token().isEmpty());
+        for (const SharedFolder& folder : std::as_const(folders)) {
+            r = companionCommand({QStringLiteral("folders"), QStringLiteral("add"), folder.path});
+            QVERIFY2(r.exitCode == 0, qPrintable(r.describe()));
+            QCOMPARE(QString::fromUtf8(r.out), folder.name + u'\n');
+        }
+        const QJsonArray devices = http->get(QStringLiteral("/api/v1/agent/devices"))
+                                       .json()
+                                       .value(QStringLiteral("devices"))
+                                       .toArray();
+        QCOMPARE(devices.size(), 1);
+        deviceId = devices[0].toObject().value(QStringLiteral("device_id")).toString();
+        QVERIFY(!deviceId.isEmpty());
 
+        // Asking before writes is left on, and there is no terminal to ask on.
         companion = std::make_unique<LineProcess>();
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("QUILLMAR_DEVICE_TOKEN"), token);
-        companion->process.setProcessEnvironment(environment);
-        companion->process.start(
-            QStringLiteral(QUILLMAR_COMPANION_BIN),
-            {QStringLiteral("bridge"), QStringLiteral("--api"),
-             QStringLiteral("http://127.0.0.1:%1").arg(port), QStringLiteral("--folder"),
-             QStringLiteral("Docs=") + tree.path(QStringLiteral("Docs")),
-             QStringLiteral("--folder=Pics=") + tree.path(QStringLiteral("Pics"))});
-        QVERIFY2(companion->waitFor(online) >= 0,
-                 qPrintable(companion->lines.join(u'|') +
-                            QString::fromUtf8(companion->process.readAllStandardError())));
-        QCOMPARE(companion->lines.first(), QStringLiteral("offline Connecting\u2026"));
+        companion->start(companionBin, {QStringLiteral("--headless")}, sandbox.environment());
+        QVERIFY2(companion->waitFor(online) >= 0, qPrintable(companion->describe()));
+        const QStringList lines = companion->lines();
+        QCOMPARE(lines.size(), 4);
+        QVERIFY(lines[0].contains(QStringLiteral("will be refused")));
+        QCOMPARE(lines[1], QStringLiteral("Sharing 2 folders with %1").arg(service->baseUrl()));
+        QCOMPARE(lines[2], QStringLiteral("Connecting\u2026"));
     }
 
     void cleanupTestCase() {
@@ -197,7 +159,7 @@ private slots:
             << QStringLiteral("local_search_files") << QJsonObject();
         QTest::newRow("unknown method") << QStringLiteral("local_delete_files") << QJsonObject();
         QTest::newRow("empty method") << QString() << QJsonObject();
-        // Nobody is there to approve a write: refused, and nothing is written.
+        // Asking before writes is on and nobody is there to ask: refused, nothing is written.
         QTest::newRow("write") << QStringLiteral("local_write_file")
                                << QJsonObject{
                                       {QStringLiteral("path"), QStringLiteral("Docs/new.txt")},
@@ -217,6 +179,11 @@ private slots:
         QCOMPARE(reply.json(), expected);
         // Byte for byte: one compact frame.
         QCOMPARE(reply.body, QJsonDocument(expected).toJson(QJsonDocument::Compact));
+        if (method == u"local_write_file") {
+            QCOMPARE(reply.json().value(QStringLiteral("ok")), QJsonValue(false));
+            QCOMPARE(reply.json().value(QStringLiteral("error")).toString(),
+                     QStringLiteral("Write was declined on the user's Mac."));
+        }
         QVERIFY(!QFile::exists(tree.path(QStringLiteral("Docs/new.txt"))));
     }
 
@@ -240,7 +207,7 @@ private slots:
 
     void serviceRefusesUnknownTokens() {
         QTcpSocket socket;
-        socket.connectToHost(QHostAddress::LocalHost, port);
+        socket.connectToHost(QHostAddress::LocalHost, service->port());
         socket.write(
             "GET /api/v1/devices/bridge?token=wrong HTTP/1.1\r\nHost: x\r\n"
             "Upgrade: websocket\r\nConnection: Upgrade\r\n"
@@ -251,21 +218,26 @@ private slots:
     }
 
     void reconnectsAfterTheServiceRestarts() {
-        const qsizetype before = companion->lines.size();
-        const quint16 oldPort = port;
+        const qsizetype before = companion->lines().size();
+        const quint16 oldPort = service->port();
         service->stop();
 
-        const QString waiting = QStringLiteral("offline Reconnecting in 2s\u2026");
+        const QString waiting = QStringLiteral("Reconnecting in 2s\u2026");
         const qsizetype waitingAt = companion->waitFor(waiting, before);
-        QVERIFY2(waitingAt >= 0, qPrintable(companion->lines.join(u'|')));
-        QVERIFY(startService(oldPort));
+        QVERIFY2(waitingAt >= 0, qPrintable(companion->describe()));
+        QVERIFY2(service->start(oldPort), qPrintable(service->describe()));
 
+        // The service is back long before the announced delay is over, so the companion's next
+        // attempt, made after that delay, succeeds at once. One made early, while the service
+        // was down, would have failed and announced a longer delay in between.
         const qsizetype connectingAt =
-            companion->waitFor(QStringLiteral("offline Connecting\u2026"), waitingAt);
-        QVERIFY2(connectingAt == waitingAt + 1, qPrintable(companion->lines.join(u'|')));
-        const qint64 waited = companion->times[connectingAt] - companion->times[waitingAt];
-        QVERIFY2(waited >= 1500 && waited < 5000, qPrintable(QString::number(waited)));
-        QVERIFY(companion->waitFor(online, connectingAt) == connectingAt + 1);
+            companion->waitFor(QStringLiteral("Connecting\u2026"), waitingAt);
+        QVERIFY2(connectingAt == waitingAt + 1, qPrintable(companion->describe()));
+        QVERIFY2(companion->waitFor(online, connectingAt) == connectingAt + 1,
+                 qPrintable(companion->describe()));
+        qInfo(
+            "reconnected %lld ms after announcing the delay",
+            static_cast<long long>(companion->timeOf(connectingAt) - companion->timeOf(waitingAt)));
 
         const QJsonObject params{{QStringLiteral("path"), QStringLiteral("Docs/reports/q2.md")}};
         const HttpJson::Reply reply =
@@ -279,10 +251,23 @@ private slots:
     }
 
     void tokenStaysOffTheCommandLineAndTheOutput() {
-        QVERIFY(!companion->process.arguments().join(u' ').contains(token));
-        QVERIFY(!companion->lines.join(u'\n').contains(token));
-        QVERIFY(!companion->process.readAllStandardError().contains(token.toUtf8()));
-        QVERIFY(!service->lines.join(u'\n').contains(token));
+        const QString deviceToken = token();
+        QVERIFY(deviceToken.size() >= 16);
+        const QByteArray tokenBytes = deviceToken.toUtf8();
+        QVERIFY(!companion->arguments().join(u' ').contains(deviceToken));
+        QVERIFY(!companion->allOutput().contains(tokenBytes));
+        QVERIFY(!service->allOutput().contains(tokenBytes));
+        QCOMPARE(commandOutputs.size(), 6);
+        for (const QByteArray& output : std::as_const(commandOutputs)) {
+            QVERIFY(!output.contains(tokenBytes));
+        }
+        for (const QStringList& arguments : std::as_const(commandArguments)) {
+            QVERIFY(!arguments.join(u' ').contains(deviceToken));
+        }
+        // Without a session bus the token is kept in the sandbox's private file.
+        QFile file(sandbox.tokenFile());
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QCOMPARE(file.readAll(), tokenBytes);
     }
 };
 

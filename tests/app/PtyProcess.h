@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QByteArray>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+
+#include <sys/types.h>
+
+// A child on a pseudo-terminal of its own: standard input, output and error are the terminal,
+// as when a person runs the command. The test reads what the terminal shows and types answers.
+// Every wait is bounded; the child is killed when the object goes.
+class PtyProcess {
+public:
+    PtyProcess() = default;
+    ~PtyProcess();
+    PtyProcess(const PtyProcess&) = delete;
+    PtyProcess& operator=(const PtyProcess&) = delete;
+
+    bool start(const QString& program, const QStringList& arguments,
+               const QProcessEnvironment& environment);
+
+    // Reads until the screen output (line ends as "\n") contains `text`.
+    bool waitForOutput(const QByteArray& text, int timeoutMs = 20000);
+    // Types `bytes` on the terminal.
+    bool type(const QByteArray& bytes);
+    // Reads to the end and gives the exit code; -1 when the child did not end in time (it is
+    // then killed) or did not end normally.
+    int waitForExit(int timeoutMs = 20000);
+
+    // What the terminal showed so far, "\r\n" turned into "\n".
+    QByteArray output() const;
+
+private:
+    // Reads what is there, waiting at most `timeoutMs` for the first bytes; false at the end
+    // of the output.
+    bool readSome(int timeoutMs);
+    void kill();
+
+    pid_t m_pid = -1;
+    int m_master = -1;
+    QByteArray m_output;
+};
