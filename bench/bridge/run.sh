@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Bridge benchmark: round trips of small tool calls from the agent API through the dev service
-# and the bridge to `quillmar-companion bridge`, next to the same calls in process; and one big
+# and the bridge to `quillmar-companion --headless`, next to the same calls in process; and one big
 # search through the bridge next to `quillmar-companion call`. All numbers of one run.
 #
 #   bench/bridge/run.sh [BUILD_DIR]      (default build/bridge; built first if needed)
@@ -24,9 +24,9 @@ bench=$build/bench-bridge/bridge-bench
 companion=$build/src/app/quillmar-companion
 devservice=$build/devservice/quillmar-devservice
 
-mkdir -p "$work/small" "$work/big"
-for i in 0 1 2 3 4 5 6 7 8 9; do echo "file $i" > "$work/small/entry-$i.txt"; done
-"$bench" mktree "$work/big" "$dirs" "$files"
+mkdir -p "$work/Small" "$work/Big"
+for i in 0 1 2 3 4 5 6 7 8 9; do echo "file $i" > "$work/Small/entry-$i.txt"; done
+"$bench" mktree "$work/Big" "$dirs" "$files"
 
 pids=()
 cleanup() { for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done; }
@@ -37,20 +37,23 @@ pids+=($!)
 for _ in $(seq 100); do [ "$(wc -l < "$work/devservice.out")" -ge 2 ] && break; sleep 0.05; done
 port=$(sed -n 's|^listening http://127.0.0.1:||p' "$work/devservice.out")
 code=$(sed -n 's|^pairing-code ||p' "$work/devservice.out")
-claim=$(curl -sf -X POST "http://127.0.0.1:$port/api/v1/devices/pair/claim" \
-    -H 'Content-Type: application/json' \
-    -d "{\"code\":\"$code\",\"device_name\":\"bench\",\"platform\":\"linux\"}")
-token=$(printf '%s' "$claim" | sed -n 's/.*"device_token":"\([^"]*\)".*/\1/p')
-device=$(printf '%s' "$claim" | sed -n 's/.*"device_id":"\([^"]*\)".*/\1/p')
+# The companion pairs and shares through its own command line, in a home of its own.
+export HOME="$work/home" XDG_CONFIG_HOME="$work/home/.config" XDG_DATA_HOME="$work/home/.local/share"
+rm -rf "$HOME" && mkdir -p "$HOME"
+unset DBUS_SESSION_BUS_ADDRESS
+export QUILLMAR_API="http://127.0.0.1:$port"
+"$companion" pair "$code" > /dev/null
+"$companion" folders add "$work/Small" > /dev/null
+"$companion" folders add "$work/Big" > /dev/null
+device=$(curl -sf "$QUILLMAR_API/api/v1/agent/devices" | sed -n 's/.*"device_id":"\([^"]*\)".*/\1/p')
 
 # $1: extra environment for the companion, or nothing.
 start_companion() {
     : > "$work/companion.out"
-    env $1 QUILLMAR_DEVICE_TOKEN="$token" "$companion" bridge --api "http://127.0.0.1:$port" \
-        --folder "Small=$work/small" --folder "Big=$work/big" > "$work/companion.out" &
+    env $1 "$companion" --headless < /dev/null > "$work/companion.out" &
     companion_pid=$!
     pids+=($companion_pid)
-    for _ in $(seq 100); do grep -q '^online ' "$work/companion.out" && return; sleep 0.05; done
+    for _ in $(seq 100); do grep -q '^Connected to Quillmar$' "$work/companion.out" && return; sleep 0.05; done
     echo "the companion did not come online" >&2
     exit 1
 }
@@ -59,12 +62,12 @@ stop_companion() { kill "$companion_pid"; wait "$companion_pid" 2>/dev/null || t
 echo "== $(date -u +%Y-%m-%dT%H:%MZ), $(nproc) cores, $(sed -n 's/^model name[^:]*: //p' /proc/cpuinfo | head -1), load $(cut -d' ' -f1-3 /proc/loadavg)"
 start_companion ""
 echo "== $calls sequential local_list_files of a 10-entry folder"
-"$bench" small "$port" "$device" "$work/small" "$calls"
+"$bench" small "$port" "$device" "$work/Small" "$calls"
 echo "== local_search_files over $((dirs * files)) files ($dirs dirs x $files), no match, median of $repeat"
-"$bench" search "$port" "$device" "$work/big" "no-such-name-anywhere" "$repeat" "$companion"
+"$bench" search "$port" "$device" "$work/Big" "no-such-name-anywhere" "$repeat" "$companion"
 stop_companion
 
 # The same small calls with the companion on Qt's own event loop instead of GLib's (see README).
 start_companion "QT_NO_GLIB=1"
 echo "== the small calls again, companion with QT_NO_GLIB=1"
-"$bench" small "$port" "$device" "$work/small" "$calls"
+"$bench" small "$port" "$device" "$work/Small" "$calls"
