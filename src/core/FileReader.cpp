@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <vector>
 
 #include <fcntl.h>
@@ -85,7 +86,9 @@ int FileReader::readText(int fd, qsizetype limit, Text& result) {
     if (const int error = breaks.error(); error != 0) {
         return error;
     }
-    std::vector<char> buffer(chunkSize);
+    // Left uninitialised: read() fills what is used, and zeroing 256 KiB per call shows up in
+    // small reads.
+    const std::unique_ptr<char[]> buffer(new char[chunkSize]);
     Utf8Decoder decoder;
     QString text;
     // Cluster boundaries before the last decoded character are final: the rules only look at
@@ -95,7 +98,7 @@ int FileReader::readText(int fd, qsizetype limit, Text& result) {
     bool endOfFile = false;
 
     while (true) {
-        const ssize_t got = ::read(fd, buffer.data(), buffer.size());
+        const ssize_t got = ::read(fd, buffer.get(), chunkSize);
         if (got < 0) {
             if (errno == EINTR) {
                 continue;
@@ -106,7 +109,7 @@ int FileReader::readText(int fd, qsizetype limit, Text& result) {
             endOfFile = true;
             decoder.finish(text);
         } else {
-            decoder.feed(buffer.data(), static_cast<std::size_t>(got), text);
+            decoder.feed(buffer.get(), static_cast<std::size_t>(got), text);
         }
 
         const qsizetype available = text.size() - confirmed;
