@@ -53,6 +53,9 @@ AppState& AppState::shared() {
 void AppState::resetShared() {
     WriteApproval::setHandler({});
     if (sharedInstance()) {
+        // Listeners may be gone already; the final "Disconnected" goes to nobody.
+        sharedInstance()->onChange = nullptr;
+        sharedInstance()->m_bridge->onStatus = nullptr;
         sharedInstance()->m_bridge->disconnect();
     }
     sharedInstance().reset();

@@ -265,8 +265,9 @@ private slots:
         launch();
         const SharedFolder kept =
             AppState::shared().addFolderAt(sandbox->folder(QStringLiteral("Kept")));
-        int changes = 0;
-        AppState::shared().onChange = [&changes] { ++changes; };
+        // Shared with the state, so the listener stays valid however long the state lives.
+        const auto changes = std::make_shared<int>(0);
+        AppState::shared().onChange = [changes] { ++*changes; };
 
         QAction none;
         delegate->removeFolderTapped(none);
@@ -284,13 +285,13 @@ private slots:
         delegate->removeFolderTapped(lowerCase);
 
         QCOMPARE(AppState::shared().folders(), QList<SharedFolder>{kept});
-        QCOMPARE(changes, 0);
+        QCOMPARE(*changes, 0);
 
         QAction exact;
         exact.setData(StatusMenuModel::folderIdString(kept));
         delegate->removeFolderTapped(exact);
         QVERIFY(AppState::shared().folders().isEmpty());
-        QCOMPARE(changes, 1);
+        QCOMPARE(*changes, 1);
     }
 
     void toggleApprovalStoresTheSettingAndMovesTheCheckMark() {

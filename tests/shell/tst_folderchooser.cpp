@@ -133,8 +133,9 @@ private slots:
         FolderChooser::install(std::make_shared<FileDialogFolderChooser>());
         const QString folder = sandbox->folder(QStringLiteral("Reports"));
         AppState& state = AppState::shared();
-        int changes = 0;
-        state.onChange = [&changes] { ++changes; };
+        // Shared with the state, so the listener stays valid however long the state lives.
+        const auto changes = std::make_shared<int>(0);
+        state.onChange = [changes] { ++*changes; };
         Seen seen;
         answerWhenOpen(&seen, typePath(folder));
         state.addFolder();
@@ -143,13 +144,13 @@ private slots:
         QCOMPARE(state.folders().size(), 1);
         QCOMPARE(state.folders().front().path, folder);
         QCOMPARE(state.folders().front().name, QStringLiteral("Reports"));
-        QCOMPARE(changes, 1);
+        QCOMPARE(*changes, 1);
 
         // Cancelled: no change, no announcement.
         answerWhenOpen(&seen, [](QFileDialog* dialog) { dialog->reject(); });
         state.addFolder();
         QCOMPARE(state.folders().size(), 1);
-        QCOMPARE(changes, 1);
+        QCOMPARE(*changes, 1);
     }
 };
 

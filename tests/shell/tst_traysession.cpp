@@ -18,6 +18,7 @@
 #include <QFile>
 #include <QMenu>
 #include <QMessageBox>
+#include <QPointer>
 #include <QProcess>
 #include <QScreen>
 #include <QSystemTrayIcon>
@@ -146,7 +147,9 @@ private slots:
 
     void aRightClickOpensTheMenu() {
         QVERIFY(clickAt(iconGeometry().center(), 3));
-        QMenu* menu = m_delegate->statusMenu();
+        // The menu is rebuilt (and the old one deleted) on every change: hold it weakly.
+        QPointer<QMenu> menu = m_delegate->statusMenu();
+        QVERIFY(menu);
         QTRY_VERIFY_WITH_TIMEOUT(menu->isVisible(), 5000);
         QTest::qWait(300);
         const QImage screen = grabScreen();
@@ -169,7 +172,7 @@ private slots:
         QTest::qWait(200);
         QVERIFY(clickAt(centreOf(menu, approval), 1));
         QTRY_VERIFY_WITH_TIMEOUT(!AppState::shared().requireWriteApproval(), 5000);
-        QTRY_VERIFY(!menu->isVisible() || menu != m_delegate->statusMenu());
+        QTRY_VERIFY(!menu || !menu->isVisible() || menu != m_delegate->statusMenu());
         QVERIFY(!actionTitled(m_delegate->statusMenu(), QStringLiteral("Ask before writing files"))
                      ->isChecked());
     }
