@@ -32,6 +32,10 @@ public:
     bool isOnline(const QString& deviceId) const;
     // Cuts the device's connection without a closing handshake, as a lost network would.
     bool drop(const QString& deviceId);
+    // Sends `bytes` to the device as one message outside the call protocol (no req_id, no answer
+    // awaited): as a binary message, or as a text message of the bytes read as UTF-8. A fault
+    // injection for tests. False when the device is offline.
+    bool sendRaw(const QString& deviceId, const QByteArray& bytes, bool binary);
 
     // Sends {"type":"call","req_id":...} plus `fields` (method and params as the agent gave
     // them) and reports once: the answer, or why there is none.

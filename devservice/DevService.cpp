@@ -158,6 +158,10 @@ void DevService::addRoutes() {
                  });
     m_http.route(QStringLiteral("/api/v1/agent/bridge/refuse"), Method::Post,
                  [this](const QHttpServerRequest& request) { return refuseBridges(request); });
+    m_http.route(QStringLiteral("/api/v1/agent/devices/<arg>/raw"), Method::Post,
+                 [this](const QString& deviceId, const QHttpServerRequest& request) {
+                     return sendRawFrame(deviceId, request);
+                 });
 
     WebConsole::addRoutes(m_http);
 
@@ -326,6 +330,27 @@ QHttpServerResponse DevService::refuseBridges(const QHttpServerRequest& request)
     }
     refuseFor(*seconds);
     return json({{QStringLiteral("refuse_seconds"), *seconds}});
+}
+
+QHttpServerResponse DevService::sendRawFrame(const QString& deviceId,
+                                             const QHttpServerRequest& request) {
+    if (!m_registry.device(deviceId)) {
+        return error(StatusCode::NotFound, QStringLiteral("Unknown device: %1").arg(deviceId));
+    }
+    const QString kind = request.query().queryItemValue(QStringLiteral("frame"));
+    if (!kind.isEmpty() && kind != u"text" && kind != u"binary") {
+        return error(StatusCode::BadRequest, QStringLiteral("frame must be text or binary."));
+    }
+    const bool binary = kind == u"binary";
+    // The body is not looked at: malformed, huge or not UTF-8 at all is the point.
+    const QByteArray bytes = request.body();
+    if (!m_hub.sendRaw(deviceId, bytes, binary)) {
+        return error(StatusCode::Conflict, QStringLiteral("Device %1 is offline.").arg(deviceId));
+    }
+    return json(
+        {{QStringLiteral("device_id"), deviceId},
+         {QStringLiteral("frame"), binary ? QStringLiteral("binary") : QStringLiteral("text")},
+         {QStringLiteral("bytes"), qint64(bytes.size())}});
 }
 
 void DevService::refuseFor(qint64 seconds) {

@@ -44,6 +44,7 @@ private:
                     QHttpServerResponder&& responder);
     QHttpServerResponse dropDevice(const QString& deviceId, const QHttpServerRequest& request);
     QHttpServerResponse refuseBridges(const QHttpServerRequest& request);
+    QHttpServerResponse sendRawFrame(const QString& deviceId, const QHttpServerRequest& request);
 
     QJsonObject deviceObject(const DeviceRegistry::Device& device) const;
     void refuseFor(qint64 seconds);

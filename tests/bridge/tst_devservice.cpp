@@ -406,6 +406,51 @@ private slots:
                  400);
     }
 
+    void rawFramesGoOutAsTheyAre() {
+        const Pairing pairing = pair();
+        const QString path = QStringLiteral("/api/v1/agent/devices/%1/raw").arg(pairing.deviceId);
+        // Offline: nothing to send on.
+        QCOMPARE(http->post(path, QByteArray("x")).status, 409);
+
+        Device device;
+        QVERIFY(device.open(service->port(), pairing.token));
+        QList<QByteArray> binaries;
+        connect(&device.socket, &QWebSocket::binaryMessageReceived, this,
+                [&](const QByteArray& bytes) { binaries.append(bytes); });
+
+        // Text by default, the body unread: not JSON, not even close.
+        HttpJson::Reply reply = http->post(path, QByteArray("{\"type\":[[[ not json"));
+        QCOMPARE(reply.status, 200);
+        QCOMPARE(reply.json(), (QJsonObject{{QStringLiteral("device_id"), pairing.deviceId},
+                                            {QStringLiteral("frame"), QStringLiteral("text")},
+                                            {QStringLiteral("bytes"), 20}}));
+        QTRY_COMPARE(device.frames.size(), 2);
+        QCOMPARE(device.frames[1], QStringLiteral("{\"type\":[[[ not json"));
+
+        // Binary: every byte as it is, invalid UTF-8 and NUL included.
+        const QByteArray bytes("\xff\xfe\x00\xc3\x28raw", 8);
+        reply = http->post(path + QStringLiteral("?frame=binary"), bytes);
+        QCOMPARE(reply.status, 200);
+        QCOMPARE(reply.json().value(QStringLiteral("frame")).toString(), QStringLiteral("binary"));
+        QTRY_COMPARE(binaries.size(), 1);
+        QCOMPARE(binaries[0], bytes);
+
+        // An answer to a raw frame is nobody's: it is ignored, the device stays connected.
+        device.socket.sendTextMessage(
+            QStringLiteral(R"({"type":"result","req_id":"raw-1","ok":true})"));
+        QCOMPARE(http->get(QStringLiteral("/api/v1/agent/devices/%1").arg(pairing.deviceId))
+                     .json()
+                     .value(QStringLiteral("online")),
+                 QJsonValue(true));
+
+        QCOMPARE(http->post(path + QStringLiteral("?frame=smoke"), QByteArray("x")).status, 400);
+        QCOMPARE(http->post(QStringLiteral("/api/v1/agent/devices/dev_nope/raw"), QByteArray("x"))
+                     .status,
+                 404);
+        QCOMPARE(device.frames.size(), 2);
+        QVERIFY(!device.closed);
+    }
+
     void unknownPathsAnswer404() {
         const HttpJson::Reply reply = http->get(QStringLiteral("/api/v1/nothing"));
         QCOMPARE(reply.status, 404);
