@@ -1,5 +1,7 @@
 #include "BridgeHub.h"
 
+#include "JsonReader.h"
+
 #include <QJsonDocument>
 #include <QRandomGenerator>
 #include <QTimer>
@@ -252,7 +254,7 @@ private:
 };
 
 FrameHead parsedHead(const QByteArray& utf8) {
-    const QJsonObject frame = QJsonDocument::fromJson(utf8).object();
+    const QJsonObject frame = JsonReader::parse(utf8).object();
     return FrameHead{frame.value(QStringLiteral("type")).toString(),
                      frame.value(QStringLiteral("req_id")).toString()};
 }

@@ -1,5 +1,6 @@
 #include "DevService.h"
 
+#include "JsonReader.h"
 #include "WebConsole.h"
 
 #include <QFile>
@@ -41,7 +42,7 @@ std::optional<QJsonObject> bodyObject(const QHttpServerRequest& request) {
         return QJsonObject();
     }
     QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(body, &parseError);
+    const QJsonDocument document = JsonReader::parse(body, &parseError);
     if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
         return std::nullopt;
     }

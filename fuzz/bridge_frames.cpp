@@ -18,6 +18,7 @@
 #include "BridgeScheduler.h"
 #include "FileService.h"
 #include "FuzzCheck.h"
+#include "JsonReader.h"
 #include "PathResolver.h"
 #include "ToolError.h"
 #include "WriteApproval.h"
@@ -117,7 +118,7 @@ Expectation expectationFor(const Frame& frame) {
         return expectation;
     }
     QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(text->toUtf8(), &error);
+    const QJsonDocument document = JsonReader::parse(*text, &error);
     if (error.error != QJsonParseError::NoError || !document.isObject()) {
         return expectation;
     }
@@ -192,8 +193,7 @@ public:
 
 private:
     bool isEndMarker(const QString& reply) const {
-        return QJsonDocument::fromJson(reply.toUtf8()).object().value(QStringLiteral("req_id")) ==
-               m_marker;
+        return JsonReader::parse(reply).object().value(QStringLiteral("req_id")) == m_marker;
     }
     void makeTree();
     void resetScratch();
@@ -268,7 +268,7 @@ void Bench::checkReply(const QString& reply, const Expectation& expectation, boo
                        const Detail& detail) {
     const auto context = [&] { return detail() + QStringLiteral("\nreply ") + fuzzQuote(reply); };
     QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(reply.toUtf8(), &error);
+    const QJsonDocument document = JsonReader::parse(reply, &error);
     FUZZ_CHECK(error.error == QJsonParseError::NoError && document.isObject(), context());
     const QJsonObject object = document.object();
     FUZZ_CHECK(object.size() == 4, context());

@@ -7,6 +7,7 @@
 
 #include "Base64Reference.h"
 #include "FuzzCheck.h"
+#include "JsonReader.h"
 #include "SharedFolder.h"
 
 #include <QJsonArray>
@@ -44,7 +45,7 @@ struct Expected {
 // The records the rules allow, or nothing when any record breaks them.
 std::optional<QList<Expected>> model(const QByteArray& bytes) {
     QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
+    const QJsonDocument document = JsonReader::parse(bytes, &error);
     if (error.error != QJsonParseError::NoError || !document.isArray()) {
         return std::nullopt;
     }
@@ -78,7 +79,7 @@ std::optional<QList<Expected>> model(const QByteArray& bytes) {
 void checkRecordEncoding(const SharedFolder& folder, const Detail& detail) {
     const QByteArray json = folder.toJson();
     QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(json, &error);
+    const QJsonDocument document = JsonReader::parse(json, &error);
     FUZZ_CHECK(error.error == QJsonParseError::NoError && document.isObject(),
                detail() + QStringLiteral("\nrecord ") + QString::fromUtf8(json));
     const QJsonObject object = document.object();

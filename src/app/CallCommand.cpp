@@ -5,6 +5,7 @@
 #include "FileService.h"
 #include "FolderArguments.h"
 #include "FolderStore.h"
+#include "JsonReader.h"
 #include "SharedFolder.h"
 #include "TerminalApprovalPrompt.h"
 #include "WriteApproval.h"
@@ -58,7 +59,7 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
             continue;
         } else if (!haveParams) {
             QJsonParseError parseError;
-            const QJsonDocument document = QJsonDocument::fromJson(argument.toUtf8(), &parseError);
+            const QJsonDocument document = JsonReader::parse(argument, &parseError);
             if (parseError.error != QJsonParseError::NoError) {
                 return usageError(err,
                                   QStringLiteral("PARAMS_JSON is not valid JSON (%1 at offset %2)")

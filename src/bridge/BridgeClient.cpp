@@ -1,6 +1,7 @@
 #include "BridgeClient.h"
 
 #include "FileService.h"
+#include "JsonReader.h"
 #include "QtBridgeScheduler.h"
 
 #include <QJsonDocument>
@@ -219,7 +220,7 @@ QCoro::Task<> BridgeClient::receive() {
 
 QCoro::Task<> BridgeClient::handle(QString text) {
     QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(text.toUtf8(), &parseError);
+    const QJsonDocument document = JsonReader::parse(text, &parseError);
     if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
         co_return;
     }

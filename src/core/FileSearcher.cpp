@@ -1,10 +1,10 @@
 #include "FileSearcher.h"
 
+#include "FileNameCodec.h"
 #include "JsonParams.h"
 #include "PathResolver.h"
 #include "ToolError.h"
 
-#include <QFile>
 #include <QJsonArray>
 
 #include <cstring>
@@ -115,7 +115,7 @@ public:
             return m_scratch.find(m_lowerQueryBytes) != std::string::npos;
         }
         const QString decoded =
-            QFile::decodeName(QByteArray::fromRawData(name, static_cast<qsizetype>(length)));
+            FileNameCodec::decode(QByteArrayView(name, static_cast<qsizetype>(length)));
         return decoded.normalized(QString::NormalizationForm_C).toLower().contains(m_lowerQuery);
     }
 
@@ -248,7 +248,7 @@ QJsonObject FileSearcher::search(const QJsonObject& params, const QList<SharedFo
             }
             QByteArray relative = QByteArray::fromStdString(frame.relative);
             relative.append(name, static_cast<qsizetype>(length));
-            matches.append(agentPrefix + QFile::decodeName(relative));
+            matches.append(agentPrefix + FileNameCodec::decode(relative));
             if (matches.size() >= limit) {
                 done = true;
             }

@@ -1,10 +1,10 @@
 #include "FolderLister.h"
 
+#include "FileNameCodec.h"
 #include "FileSystemError.h"
 #include "PathResolver.h"
 #include "ToolError.h"
 
-#include <QFile>
 #include <QJsonArray>
 
 #include <algorithm>
@@ -115,7 +115,7 @@ QJsonObject FolderLister::list(const QString& path, const QList<SharedFolder>& f
             continue;
         }
         Entry entry;
-        entry.name = QFile::decodeName(name);
+        entry.name = FileNameCodec::decode(name);
         entry.sortKey = sortKeyFor(entry.name);
         entry.statOk = ::fstatat(dirFd, name, &entry.info, AT_SYMLINK_NOFOLLOW) == 0;
         entries.push_back(std::move(entry));

@@ -1,9 +1,9 @@
 #include "PathResolver.h"
 
+#include "FileNameCodec.h"
 #include "ToolError.h"
 
 #include <QDir>
-#include <QFile>
 #include <QStringList>
 
 namespace {
@@ -71,7 +71,7 @@ std::optional<QByteArray> PathResolver::nativePath(const QString& path) {
     if (path.contains(QChar(u'\0'))) {
         return std::nullopt;
     }
-    return QFile::encodeName(path);
+    return FileNameCodec::encode(path);
 }
 
 PathResolver::Resolved PathResolver::resolve(const QString& agentPath,

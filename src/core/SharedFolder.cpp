@@ -1,5 +1,8 @@
 #include "SharedFolder.h"
 
+#include "JsonReader.h"
+#include "PathResolver.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -17,8 +20,11 @@ QByteArray jsonString(const QString& text) {
 
 } // namespace
 
+// Names and paths compare by canonical equivalence, like folder names in agent paths: "Café"
+// typed precomposed and "Cafe" + U+0301 read back from the file system are the same text.
 bool operator==(const SharedFolder& a, const SharedFolder& b) {
-    return a.id == b.id && a.name == b.name && a.path == b.path && a.bookmark == b.bookmark;
+    return a.id == b.id && PathResolver::sameName(a.name, b.name) &&
+           PathResolver::sameName(a.path, b.path) && a.bookmark == b.bookmark;
 }
 
 QByteArray SharedFolder::toJson() const {
@@ -90,7 +96,7 @@ QByteArray SharedFolder::encodeList(const QList<SharedFolder>& folders) {
 
 std::optional<QList<SharedFolder>> SharedFolder::decodeList(const QByteArray& json) {
     QJsonParseError error;
-    const QJsonDocument document = QJsonDocument::fromJson(json, &error);
+    const QJsonDocument document = JsonReader::parse(json, &error);
     if (error.error != QJsonParseError::NoError || !document.isArray()) {
         return std::nullopt;
     }

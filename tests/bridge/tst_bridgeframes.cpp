@@ -3,6 +3,7 @@
 
 #include "BridgeFixture.h"
 #include "FileService.h"
+#include "JsonReader.h"
 #include "TempTree.h"
 
 #include <QCoroSignal>
@@ -18,7 +19,7 @@
 namespace {
 
 QJsonObject parse(const QString& frame) {
-    return QJsonDocument::fromJson(frame.toUtf8()).object();
+    return JsonReader::parse(frame).object();
 }
 
 QString compact(const QJsonObject& object) {
@@ -227,6 +228,45 @@ private slots:
         QCOMPARE(reply.value(QStringLiteral("req_id")).toString(), QStringLiteral("\u00e9"));
         QCOMPARE(reply.value(QStringLiteral("result")).toObject(),
                  expected(QStringLiteral("local_read_file"), params));
+    }
+
+    void byteOrderMarksOpeningStringsArriveUnchanged() {
+        // U+FEFF at the start of a string is a character like any other: "\u{FEFF}Docs/a.txt"
+        // is not "Docs/a.txt". Sent raw, the way a service's JSON encoder writes it.
+        const QString mark(QChar(0xfeff));
+        QString seenMethod;
+        QJsonObject seenParams;
+        f->client->dispatcher = [&](QString method, QJsonObject params, QList<SharedFolder>) {
+            seenMethod = method;
+            seenParams = params;
+            return answerWith(params);
+        };
+        f->service.sendText(QStringLiteral(R"({"type":"call","req_id":"%1r","method":"%1m",)"
+                                           R"("params":{"%1k":["%1v","%1%1w","x%1"]}})")
+                                .arg(mark));
+        QTRY_COMPARE(f->service.frames.size(), 1);
+        const QJsonObject params{
+            {mark + u'k', QJsonArray{mark + u'v', mark + mark + u'w', u'x' + mark}}};
+        QCOMPARE(seenMethod, mark + u'm');
+        QCOMPARE(seenParams, params);
+        QCOMPARE(seenParams.keys().front(), mark + u'k');
+        const QJsonObject reply = parse(f->service.frames.front());
+        QCOMPARE(reply.value(QStringLiteral("req_id")).toString(), mark + u'r');
+        QCOMPARE(reply.value(QStringLiteral("result")).toObject(), params);
+    }
+
+    void pathOpenedByByteOrderMarkIsNotTheFolder() {
+        // With one folder shared, a path that names no folder is looked for inside it.
+        const QString mark(QChar(0xfeff));
+        f->service.sendText(
+            QStringLiteral(
+                R"({"type":"call","req_id":"r","method":"local_read_file","params":{"path":"%1Docs/a.txt"}})")
+                .arg(mark));
+        QTRY_COMPARE(f->service.frames.size(), 1);
+        const QJsonObject reply = parse(f->service.frames.front());
+        QCOMPARE(reply.value(QStringLiteral("ok")), QJsonValue(false));
+        QCOMPARE(reply.value(QStringLiteral("error")).toString(),
+                 QStringLiteral("File not found: ") + mark + QStringLiteral("Docs/a.txt"));
     }
 
     void callWithoutReqIdIsAnsweredWithEmptyId_data() {

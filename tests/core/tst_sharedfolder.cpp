@@ -55,6 +55,21 @@ private slots:
         QVERIFY(sample(QByteArray()) != sample());
     }
 
+    void namesAndPathsCompareByCanonicalEquivalence() {
+        SharedFolder decomposed = sample();
+        SharedFolder composed = sample();
+        decomposed.name = QStringLiteral("Cafe\u0301");
+        decomposed.path = QStringLiteral("/home/u/Cafe\u0301");
+        composed.name = QStringLiteral("Caf\u00e9");
+        composed.path = QStringLiteral("/home/u/Caf\u00e9");
+        QCOMPARE(decomposed, composed);
+        composed.name = QStringLiteral("cafe\u0301");
+        QVERIFY(decomposed != composed); // still case-sensitive
+        composed.name = decomposed.name;
+        composed.path = QStringLiteral("/home/u/Cafe");
+        QVERIFY(decomposed != composed);
+    }
+
     void samePathDifferentIdAndViceVersa() {
         SharedFolder moved = sample();
         moved.path = QStringLiteral("/elsewhere");

@@ -133,6 +133,23 @@ private slots:
                        {QStringLiteral("Docs/\u03A3\u039F\u03A6\u0399\u0391")}));
     }
 
+    void namesOpenedByByteOrderMarkAreFoundUnderTheirRealPath() {
+        const QString mark(QChar(0xfeff));
+        TempTree tree;
+        tree.file(QStringLiteral("docs/") + mark + QStringLiteral("top/plan.txt"));
+        tree.file(QStringLiteral("docs/sub/") + mark + QStringLiteral("plan.md"));
+        tree.file(QStringLiteral("docs/sub/other.md"));
+        QCOMPARE(setOf(matchesOf(searchCall(QStringLiteral("plan"), docs(tree)))),
+                 (QSet<QString>{QStringLiteral("Docs/") + mark + QStringLiteral("top/plan.txt"),
+                                QStringLiteral("Docs/sub/") + mark + QStringLiteral("plan.md")}));
+        QCOMPARE(searchCall(mark + QStringLiteral("plan*"), docs(tree)),
+                 found(mark + QStringLiteral("plan*"),
+                       {QStringLiteral("Docs/sub/") + mark + QStringLiteral("plan.md")}));
+        QCOMPARE(searchCall(mark + QStringLiteral("PLAN"), docs(tree)),
+                 found(mark + QStringLiteral("PLAN"),
+                       {QStringLiteral("Docs/sub/") + mark + QStringLiteral("plan.md")}));
+    }
+
     void wildcardIsCaseSensitiveAndMatchesTheWholeName() {
         TempTree tree;
         tree.file(QStringLiteral("docs/a.pdf"));

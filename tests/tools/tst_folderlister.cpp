@@ -176,6 +176,31 @@ private slots:
         QCOMPARE(result.value(QStringLiteral("count")), 3);
     }
 
+    void namesOpenedByByteOrderMarkKeepIt() {
+        // Listed under their real names, so that the names listed can be read back.
+        const QString mark(QChar(0xfeff));
+        TempTree tree;
+        tree.file(QStringLiteral("docs/") + mark + QStringLiteral("one.txt"), "1");
+        tree.file(QStringLiteral("docs/one.txt"), "22");
+        tree.dir(QStringLiteral("docs/") + mark + mark + QStringLiteral("two"));
+        const QJsonObject result = listCall(QStringLiteral("Docs"), docs(tree));
+        QCOMPARE(namesOf(result),
+                 (QStringList{QStringLiteral("one.txt"), mark + QStringLiteral("one.txt"),
+                              mark + mark + QStringLiteral("two")}));
+        QCOMPARE(entryNamed(result, mark + QStringLiteral("one.txt"))
+                     .value(QStringLiteral("size_bytes")),
+                 1);
+        const QJsonObject read =
+            ToolCall::run(QStringLiteral("local_read_file"),
+                          QJsonObject{{QStringLiteral("path"),
+                                       QStringLiteral("Docs/") + mark + QStringLiteral("one.txt")}},
+                          docs(tree));
+        QCOMPARE(read.value(QStringLiteral("content")).toString(), QStringLiteral("1"));
+        QCOMPARE(listCall(QStringLiteral("Docs/") + mark + mark + QStringLiteral("two"), docs(tree))
+                     .value(QStringLiteral("count")),
+                 0);
+    }
+
     void sortsCaseSensitivelyWithFoldersMixedIn() {
         TempTree tree;
         tree.dir(QStringLiteral("docs/b"));
