@@ -64,7 +64,7 @@ private:
     TimerId m_last = 0;
 };
 
-QCoro::Task<QJsonObject> echoDispatch(QString, QJsonObject params, QList<SharedFolder>) {
+QCoro::Task<ToolResult> echoDispatch(QString, QJsonObject params, QList<SharedFolder>) {
     const QString wait = params.value(QStringLiteral("wait")).toString();
     if (wait == u"timer") {
         co_await QCoro::sleepFor(std::chrono::milliseconds(0));
@@ -302,7 +302,7 @@ void Bench::run(const uint8_t* data, size_t size) {
     }
     const bool stub = data[0] != 'F';
     client->dispatcher = stub ? BridgeClient::Dispatcher(&echoDispatch)
-                              : BridgeClient::Dispatcher(&FileService::handle);
+                              : BridgeClient::Dispatcher(&FileService::run);
 
     QList<Frame> frames;
     const QList<QByteArray> records = fuzzFields(data + 1, size - 1, frameSeparator);

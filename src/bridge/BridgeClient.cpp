@@ -21,13 +21,17 @@ const QString connectingText = QStringLiteral("Connecting\u2026");
 // A socket we closed gets this long to finish the closing handshake before it is cut.
 constexpr std::chrono::seconds closeGrace{5};
 
+QCoro::Task<ToolResult> unknownMethod(QString method, QJsonObject, QList<SharedFolder>) {
+    co_return FileService::errorObject(QStringLiteral("Unknown method: ") + method);
+}
+
 } // namespace
 
 BridgeClient::BridgeClient(QObject* parent)
     : BridgeClient(std::make_unique<QtBridgeScheduler>(), parent) {}
 
 BridgeClient::BridgeClient(std::unique_ptr<BridgeScheduler> scheduler, QObject* parent)
-    : QObject(parent), dispatcher(&FileService::handle), m_scheduler(std::move(scheduler)) {
+    : QObject(parent), dispatcher(&FileService::run), m_scheduler(std::move(scheduler)) {
     if (!m_scheduler) {
         m_scheduler = std::make_unique<QtBridgeScheduler>();
     }
@@ -248,36 +252,57 @@ QCoro::Task<> BridgeClient::handleCall(QJsonObject frame) {
     const QList<SharedFolder> folders = foldersProvider ? foldersProvider() : QList<SharedFolder>();
 
     // A copy: the owner may swap the dispatcher while this call waits.
-    const Dispatcher dispatch = dispatcher;
-    QJsonObject result;
-    if (dispatch) {
-        result = co_await dispatch(method, params, folders);
-    } else {
-        result = FileService::errorObject(QStringLiteral("Unknown method: ") + method);
-    }
+    const Dispatcher dispatch = dispatcher ? dispatcher : Dispatcher(&unknownMethod);
+    // One plain co_await and the reply built outside the coroutine: GCC 12 mishandles
+    // temporaries of non-trivial types in branches around a suspension point.
+    const ToolResult result = co_await dispatch(method, params, folders);
     if (!self) {
         co_return;
     }
+    // Dropped when the socket went away while the tool ran.
+    sendResult(reqId, result);
+}
 
+void BridgeClient::sendResult(const QString& reqId, const ToolResult& result) {
+    if (result.isJson()) {
+        // Spliced in as it is: the same bytes as building the reply object, without turning a
+        // big answer into QJsonObject and back. Qt orders the keys ok, req_id, result, type.
+        QByteArray reply = QJsonDocument(QJsonObject{{QStringLiteral("ok"), true},
+                                                     {QStringLiteral("req_id"), reqId}})
+                               .toJson(QJsonDocument::Compact);
+        reply.chop(1);
+        reply.reserve(reply.size() + result.json().size() + 32);
+        reply.append(",\"result\":");
+        reply.append(result.json());
+        reply.append(",\"type\":\"result\"}");
+        sendText(reply);
+        return;
+    }
+
+    const QJsonObject object = result.toObject();
     QJsonObject reply{{QStringLiteral("type"), QStringLiteral("result")},
                       {QStringLiteral("req_id"), reqId}};
-    const QJsonValue error = result.value(QStringLiteral("error"));
+    const QJsonValue error = object.value(QStringLiteral("error"));
     if (error.isString()) {
         reply.insert(QStringLiteral("ok"), false);
         reply.insert(QStringLiteral("error"), error);
     } else {
         reply.insert(QStringLiteral("ok"), true);
-        reply.insert(QStringLiteral("result"), result);
+        reply.insert(QStringLiteral("result"), object);
     }
-    // Dropped when the socket went away while the tool ran.
     send(reply);
 }
 
 void BridgeClient::send(const QJsonObject& frame) {
+    sendText(QJsonDocument(frame).toJson(QJsonDocument::Compact));
+}
+
+void BridgeClient::sendText(const QByteArray& utf8) {
     if (!m_task || m_task->state() != QAbstractSocket::ConnectedState) {
         return;
     }
-    m_task->sendTextMessage(QString::fromUtf8(QJsonDocument(frame).toJson(QJsonDocument::Compact)));
+    // QWebSocket takes text frames only as QString; it converts back to UTF-8 itself.
+    m_task->sendTextMessage(QString::fromUtf8(utf8));
     // Out now rather than on the next pass of the event loop: the service is waiting for it.
     m_task->flush();
 }

@@ -2,6 +2,7 @@
 
 #include "BridgeScheduler.h"
 #include "SharedFolder.h"
+#include "ToolResult.h"
 
 #include <QCoroTask>
 #include <QJsonObject>
@@ -29,8 +30,8 @@ class BridgeClient : public QObject {
 public:
     using StatusCallback = std::function<void(bool online, const QString& text)>;
     using FoldersProvider = std::function<QList<SharedFolder>()>;
-    using Dispatcher = std::function<QCoro::Task<QJsonObject>(QString method, QJsonObject params,
-                                                              QList<SharedFolder> folders)>;
+    using Dispatcher = std::function<QCoro::Task<ToolResult>(QString method, QJsonObject params,
+                                                             QList<SharedFolder> folders)>;
 
     static constexpr std::chrono::seconds keepAliveInterval{30};
     static constexpr std::chrono::seconds requestTimeout{60};
@@ -46,7 +47,7 @@ public:
     StatusCallback onStatus;
     // The shared folders, read when each call starts. None when unset.
     FoldersProvider foldersProvider;
-    // Runs one tool call; FileService::handle unless replaced.
+    // Runs one tool call; FileService::run unless replaced.
     Dispatcher dispatcher;
 
     // Stores the base and token and opens a socket. Keeps the reconnect counter; closes a socket
@@ -78,6 +79,8 @@ private:
     QCoro::Task<> handle(QString text);
     QCoro::Task<> handleCall(QJsonObject frame);
     void send(const QJsonObject& frame);
+    void sendResult(const QString& reqId, const ToolResult& result);
+    void sendText(const QByteArray& utf8);
     void startPing();
     void stopPing();
     void scheduleReconnect();

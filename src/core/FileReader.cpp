@@ -5,17 +5,20 @@
 #include "ToolError.h"
 #include "Utf8Decoder.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <limits>
 #include <memory>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <unicode/ubrk.h>
+#include <unicode/uchar.h>
+#include <unicode/ucpmap.h>
 
 namespace {
 
@@ -79,6 +82,70 @@ private:
     UBreakIterator* m_iterator;
 };
 
+// BMP characters that ICU's character rules never join to a neighbour of the same kind: break
+// class Other, Control, CR or LF, and not a virama (which joins Indic consonants). Between two of
+// them there is always a boundary except inside CR LF, so runs of them (most text) need no
+// break iterator. Taken from ICU's own properties so that it agrees with the rules it uses.
+class PlainCharacters {
+public:
+    PlainCharacters() {
+        UErrorCode status = U_ZERO_ERROR;
+        const UCPMap* breaks = u_getIntPropertyMap(UCHAR_GRAPHEME_CLUSTER_BREAK, &status);
+        const UCPMap* indic = u_getIntPropertyMap(UCHAR_INDIC_SYLLABIC_CATEGORY, &status);
+        if (U_FAILURE(status)) {
+            return; // nothing is plain: every character goes through ICU
+        }
+        forEachRange(breaks, [this](UChar32 start, UChar32 end, uint32_t value) {
+            if (value == U_GCB_OTHER || value == U_GCB_CONTROL || value == U_GCB_CR ||
+                value == U_GCB_LF) {
+                for (UChar32 c = start; c <= end; ++c) {
+                    m_bits[std::size_t(c) / 64] |= uint64_t(1) << (c % 64);
+                }
+            }
+        });
+        forEachRange(indic, [this](UChar32 start, UChar32 end, uint32_t value) {
+            if (value == U_INSC_VIRAMA) {
+                for (UChar32 c = start; c <= end; ++c) {
+                    m_bits[std::size_t(c) / 64] &= ~(uint64_t(1) << (c % 64));
+                }
+            }
+        });
+        // Surrogates are halves of characters outside the BMP, never characters of their own.
+        for (UChar32 c = 0xD800; c <= 0xDFFF; ++c) {
+            m_bits[std::size_t(c) / 64] &= ~(uint64_t(1) << (c % 64));
+        }
+    }
+
+    static const PlainCharacters& instance() {
+        static const PlainCharacters table;
+        return table;
+    }
+
+    // Whether a cluster boundary certainly falls between `a` and `b`.
+    bool boundaryBetween(char16_t a, char16_t b) const {
+        return isPlain(a) && isPlain(b) && !(a == u'\r' && b == u'\n');
+    }
+
+private:
+    template <typename Visit> static void forEachRange(const UCPMap* map, Visit visit) {
+        UChar32 start = 0;
+        while (start <= 0xFFFF) {
+            uint32_t value = 0;
+            const UChar32 end =
+                ucpmap_getRange(map, start, UCPMAP_RANGE_NORMAL, 0, nullptr, nullptr, &value);
+            if (end < start) {
+                return;
+            }
+            visit(start, std::min<UChar32>(end, 0xFFFF), value);
+            start = end + 1;
+        }
+    }
+
+    bool isPlain(char16_t c) const { return (m_bits[c / 64] >> (c % 64)) & 1; }
+
+    std::array<uint64_t, 0x10000 / 64> m_bits{};
+};
+
 } // namespace
 
 int FileReader::readText(int fd, qsizetype limit, Text& result) {
@@ -86,6 +153,7 @@ int FileReader::readText(int fd, qsizetype limit, Text& result) {
     if (const int error = breaks.error(); error != 0) {
         return error;
     }
+    const PlainCharacters& plain = PlainCharacters::instance();
     // Left uninitialised: read() fills what is used, and zeroing 256 KiB per call shows up in
     // small reads.
     const std::unique_ptr<char[]> buffer(new char[chunkSize]);
@@ -109,11 +177,38 @@ int FileReader::readText(int fd, qsizetype limit, Text& result) {
             endOfFile = true;
             decoder.finish(text);
         } else {
+            // At most one UTF-16 unit per byte, plus what the decoder held back; grown
+            // geometrically so that many chunks stay linear.
+            const qsizetype needed = text.size() + got + 4;
+            if (text.capacity() < needed) {
+                text.reserve(std::max(needed, 2 * text.capacity()));
+            }
             decoder.feed(buffer.get(), static_cast<std::size_t>(got), text);
         }
 
-        const qsizetype available = text.size() - confirmed;
-        if (available > 0) {
+        const char16_t* chars = reinterpret_cast<const char16_t*>(text.constData());
+        const qsizetype size = text.size();
+        bool waitForMore = false;
+        while (confirmed < size && !waitForMore) {
+            if (clusters >= limit) {
+                // All wanted characters are final and another one begins here.
+                result.content = text.left(confirmed);
+                result.truncated = true;
+                return 0;
+            }
+            if (confirmed + 1 < size &&
+                plain.boundaryBetween(chars[confirmed], chars[confirmed + 1])) {
+                ++clusters;
+                ++confirmed;
+                continue;
+            }
+            // ICU up to the next certain boundary, or to the end of what is decoded.
+            qsizetype end = confirmed + 2;
+            while (end < size && !plain.boundaryBetween(chars[end - 1], chars[end])) {
+                ++end;
+            }
+            end = std::min(end, size);
+            const qsizetype available = end - confirmed;
             if (!breaks.setText(text.constData() + confirmed, available)) {
                 return EOVERFLOW;
             }
@@ -121,16 +216,19 @@ int FileReader::readText(int fd, qsizetype limit, Text& result) {
             qsizetype next = 0;
             while ((next = breaks.next()) != -1 && next > position) {
                 if (clusters >= limit) {
-                    // All wanted characters are final and another one begins here.
                     result.content = text.left(confirmed + position);
                     result.truncated = true;
                     return 0;
                 }
-                if (next == available && !endOfFile) {
-                    break; // the next character may still join this cluster
+                if (end == size && next == available && !endOfFile) {
+                    waitForMore = true; // the next character may still join this cluster
+                    break;
                 }
                 ++clusters;
                 position = next;
+            }
+            if (position == 0) {
+                waitForMore = true; // ICU found nothing to settle; never spin here
             }
             confirmed += position;
         }

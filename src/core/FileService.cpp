@@ -11,6 +11,19 @@
 
 #include <exception>
 #include <new>
+#include <utility>
+
+namespace {
+
+ToolResult listFolder(const QJsonObject& params, const QList<SharedFolder>& folders, bool asJson) {
+    const QString path = JsonParams::string(params, QStringLiteral("path")).value_or(QString());
+    if (asJson) {
+        return ToolResult::fromJson(FolderLister::listJson(path, folders));
+    }
+    return FolderLister::list(path, folders);
+}
+
+} // namespace
 
 QJsonObject FileService::errorObject(const QString& message) {
     return QJsonObject{{QStringLiteral("error"), message}};
@@ -18,11 +31,21 @@ QJsonObject FileService::errorObject(const QString& message) {
 
 QCoro::Task<QJsonObject> FileService::handle(QString method, QJsonObject params,
                                              QList<SharedFolder> folders) {
+    const ToolResult result =
+        co_await dispatch(std::move(method), std::move(params), std::move(folders), false);
+    co_return result.toObject();
+}
+
+QCoro::Task<ToolResult> FileService::run(QString method, QJsonObject params,
+                                         QList<SharedFolder> folders) {
+    return dispatch(std::move(method), std::move(params), std::move(folders), true);
+}
+
+QCoro::Task<ToolResult> FileService::dispatch(QString method, QJsonObject params,
+                                              QList<SharedFolder> folders, bool asJson) {
     try {
         if (method == u"local_list_files") {
-            const QString path =
-                JsonParams::string(params, QStringLiteral("path")).value_or(QString());
-            co_return FolderLister::list(path, folders);
+            co_return listFolder(params, folders, asJson);
         }
         if (method == u"local_read_file") {
             const QString path = PathResolver::requirePath(params);

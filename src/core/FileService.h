@@ -1,6 +1,7 @@
 #pragma once
 
 #include "SharedFolder.h"
+#include "ToolResult.h"
 
 #include <QCoroTask>
 #include <QJsonObject>
@@ -15,6 +16,14 @@ public:
     // the event loop.
     static QCoro::Task<QJsonObject> handle(QString method, QJsonObject params,
                                            QList<SharedFolder> folders);
+    // The same call, but a big answer (a folder listing) may come back as ready JSON text, the
+    // same bytes QJsonDocument would write for handle()'s object. What the bridge uses.
+    static QCoro::Task<ToolResult> run(QString method, QJsonObject params,
+                                       QList<SharedFolder> folders);
 
     static QJsonObject errorObject(const QString& message);
+
+private:
+    static QCoro::Task<ToolResult> dispatch(QString method, QJsonObject params,
+                                            QList<SharedFolder> folders, bool asJson);
 };

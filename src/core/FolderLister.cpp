@@ -1,13 +1,16 @@
 #include "FolderLister.h"
 
+#include "CompactJson.h"
 #include "FileNameCodec.h"
 #include "FileSystemError.h"
 #include "PathResolver.h"
 #include "ToolError.h"
 
 #include <QJsonArray>
+#include <QJsonDocument>
 
 #include <algorithm>
+#include <string_view>
 #include <vector>
 
 #include <dirent.h>
@@ -40,22 +43,32 @@ qint64 wholeSeconds(const timespec& time) {
 }
 
 struct Entry {
+    QByteArray rawName; // as readdir gave it
+    bool ascii = true;
+    // Decoded; for ASCII names only made when needed (the bytes are the text).
     QString name;
-    std::u32string sortKey;
+    // Sorting by Unicode scalar values is sorting UTF-8 bytes; non-ASCII names sort in NFC.
+    QByteArray sortKey;
     bool statOk = false;
     struct stat info {};
+
+    std::string_view key() const {
+        const QByteArray& bytes = ascii ? rawName : sortKey;
+        return std::string_view(bytes.constData(), static_cast<std::size_t>(bytes.size()));
+    }
+    QString decodedName() const { return ascii ? QString::fromLatin1(rawName) : name; }
+    bool isFolder() const { return statOk && S_ISDIR(info.st_mode); }
+    qint64 size() const { return statOk ? static_cast<qint64>(info.st_size) : 0; }
+    qint64 modified() const { return statOk ? wholeSeconds(info.st_mtim) : 0; }
 };
 
-std::u32string sortKeyFor(const QString& name) {
-    bool ascii = true;
-    for (QChar c : name) {
-        if (c.unicode() >= 0x80) {
-            ascii = false;
-            break;
+bool isAscii(const char* text) {
+    for (; *text != '\0'; ++text) {
+        if (static_cast<unsigned char>(*text) >= 0x80) {
+            return false;
         }
     }
-    const QString normalized = ascii ? name : name.normalized(QString::NormalizationForm_C);
-    return normalized.toStdU32String();
+    return true;
 }
 
 class DirectoryHandle {
@@ -74,22 +87,53 @@ private:
     DIR* m_dir;
 };
 
-} // namespace
-
-QJsonObject FolderLister::list(const QString& path, const QList<SharedFolder>& folders) {
-    if (trimSlashesAndBlanks(path).isEmpty()) {
-        QJsonArray items;
-        for (const SharedFolder& folder : folders) {
-            items.append(QJsonObject{{QStringLiteral("name"), folder.name},
-                                     {QStringLiteral("type"), QStringLiteral("folder")},
-                                     {QStringLiteral("size_bytes"), QJsonValue::Null},
-                                     {QStringLiteral("modified"), 0}});
+// Only characters from U+0300 on can change under NFC (combining marks, and later the
+// characters NFC replaces); a name without any is its own normal form.
+bool mayChangeUnderNfc(const QString& name) {
+    for (const QChar c : name) {
+        if (c.unicode() >= 0x300) {
+            return true;
         }
-        return QJsonObject{{QStringLiteral("path"), QString()},
-                           {QStringLiteral("items"), items},
-                           {QStringLiteral("count"), items.size()}};
     }
+    return false;
+}
 
+// The first eight bytes of a sort key as one big-endian number: most comparisons end there. No
+// name holds a zero byte, so padding with zeros keeps the order.
+quint64 keyPrefix(std::string_view key) {
+    quint64 prefix = 0;
+    for (std::size_t i = 0; i < 8; ++i) {
+        prefix = (prefix << 8) | (i < key.size() ? static_cast<unsigned char>(key[i]) : 0);
+    }
+    return prefix;
+}
+
+struct SortItem {
+    quint64 prefix;
+    const Entry* entry;
+};
+
+struct Listing {
+    QString agentPath;
+    std::vector<Entry> entries; // in readdir order
+    // Into `entries`, whose storage stays put when the listing is moved.
+    std::vector<const Entry*> sorted;
+};
+
+QJsonObject sharedFoldersObject(const QList<SharedFolder>& folders) {
+    QJsonArray items;
+    for (const SharedFolder& folder : folders) {
+        items.append(QJsonObject{{QStringLiteral("name"), folder.name},
+                                 {QStringLiteral("type"), QStringLiteral("folder")},
+                                 {QStringLiteral("size_bytes"), QJsonValue::Null},
+                                 {QStringLiteral("modified"), 0}});
+    }
+    return QJsonObject{{QStringLiteral("path"), QString()},
+                       {QStringLiteral("items"), items},
+                       {QStringLiteral("count"), items.size()}};
+}
+
+Listing readFolder(const QString& path, const QList<SharedFolder>& folders) {
     const PathResolver::Resolved resolved = PathResolver::resolve(path, folders);
     const std::optional<QByteArray> native = PathResolver::nativePath(resolved.item);
 
@@ -107,7 +151,7 @@ QJsonObject FolderLister::list(const QString& path, const QList<SharedFolder>& f
     }
     const int dirFd = ::dirfd(dir.get());
 
-    std::vector<Entry> entries;
+    Listing listing;
     errno = 0;
     while (const dirent* raw = ::readdir(dir.get())) {
         const char* name = raw->d_name;
@@ -115,32 +159,37 @@ QJsonObject FolderLister::list(const QString& path, const QList<SharedFolder>& f
             continue;
         }
         Entry entry;
-        entry.name = FileNameCodec::decode(name);
-        entry.sortKey = sortKeyFor(entry.name);
+        entry.rawName = QByteArray(name);
+        entry.ascii = isAscii(name);
+        if (!entry.ascii) {
+            entry.name = FileNameCodec::decode(entry.rawName);
+            entry.sortKey = mayChangeUnderNfc(entry.name)
+                                ? entry.name.normalized(QString::NormalizationForm_C).toUtf8()
+                                : entry.name.toUtf8();
+        }
         entry.statOk = ::fstatat(dirFd, name, &entry.info, AT_SYMLINK_NOFOLLOW) == 0;
-        entries.push_back(std::move(entry));
+        listing.entries.push_back(std::move(entry));
         errno = 0;
     }
     if (errno != 0) {
         throw FileSystemError(errno, QStringLiteral("list"), path);
     }
 
-    std::stable_sort(entries.begin(), entries.end(),
-                     [](const Entry& a, const Entry& b) { return a.sortKey < b.sortKey; });
-
-    QJsonArray items;
-    for (const Entry& entry : entries) {
-        const bool isFolder = entry.statOk && S_ISDIR(entry.info.st_mode);
-        QJsonValue size = QJsonValue::Null;
-        if (!isFolder) {
-            size = entry.statOk ? static_cast<qint64>(entry.info.st_size) : qint64(0);
+    std::vector<SortItem> items;
+    items.reserve(listing.entries.size());
+    for (const Entry& entry : listing.entries) {
+        items.push_back(SortItem{keyPrefix(entry.key()), &entry});
+    }
+    // char_traits compares bytes as unsigned, so UTF-8 keys order like their code points.
+    std::stable_sort(items.begin(), items.end(), [](const SortItem& a, const SortItem& b) {
+        if (a.prefix != b.prefix) {
+            return a.prefix < b.prefix;
         }
-        const qint64 modified = entry.statOk ? wholeSeconds(entry.info.st_mtim) : 0;
-        items.append(QJsonObject{
-            {QStringLiteral("name"), entry.name},
-            {QStringLiteral("type"), isFolder ? QStringLiteral("folder") : QStringLiteral("file")},
-            {QStringLiteral("size_bytes"), size},
-            {QStringLiteral("modified"), modified}});
+        return a.entry->key() < b.entry->key();
+    });
+    listing.sorted.reserve(items.size());
+    for (const SortItem& item : items) {
+        listing.sorted.push_back(item.entry);
     }
 
     const QString inner =
@@ -152,8 +201,67 @@ QJsonObject FolderLister::list(const QString& path, const QList<SharedFolder>& f
             break;
         }
     }
-    const QString agentPath = inner.isEmpty() ? folderName : folderName + u'/' + inner;
-    return QJsonObject{{QStringLiteral("path"), agentPath},
+    listing.agentPath = inner.isEmpty() ? folderName : folderName + u'/' + inner;
+    return listing;
+}
+
+} // namespace
+
+QJsonObject FolderLister::list(const QString& path, const QList<SharedFolder>& folders) {
+    if (trimSlashesAndBlanks(path).isEmpty()) {
+        return sharedFoldersObject(folders);
+    }
+    const Listing listing = readFolder(path, folders);
+    QJsonArray items;
+    for (const Entry* entry : listing.sorted) {
+        const bool isFolder = entry->isFolder();
+        items.append(QJsonObject{
+            {QStringLiteral("name"), entry->decodedName()},
+            {QStringLiteral("type"), isFolder ? QStringLiteral("folder") : QStringLiteral("file")},
+            {QStringLiteral("size_bytes"),
+             isFolder ? QJsonValue(QJsonValue::Null) : QJsonValue(entry->size())},
+            {QStringLiteral("modified"), entry->modified()}});
+    }
+    return QJsonObject{{QStringLiteral("path"), listing.agentPath},
                        {QStringLiteral("items"), items},
                        {QStringLiteral("count"), items.size()}};
+}
+
+QByteArray FolderLister::listJson(const QString& path, const QList<SharedFolder>& folders) {
+    if (trimSlashesAndBlanks(path).isEmpty()) {
+        return QJsonDocument(sharedFoldersObject(folders)).toJson(QJsonDocument::Compact);
+    }
+    const Listing listing = readFolder(path, folders);
+    // Keys in QJsonObject's order; about 80 bytes an entry besides its name.
+    qsizetype expected = 64 + listing.agentPath.size() * 3;
+    for (const Entry* entry : listing.sorted) {
+        expected += 96 + entry->rawName.size();
+    }
+    CompactJson out(expected);
+    out.raw("{\"count\":");
+    out.integer(qint64(listing.sorted.size()));
+    out.raw(",\"items\":[");
+    bool first = true;
+    for (const Entry* entry : listing.sorted) {
+        out.raw(first ? QByteArrayView("{\"modified\":") : QByteArrayView(",{\"modified\":"));
+        first = false;
+        out.integer(entry->modified());
+        out.raw(",\"name\":");
+        if (entry->ascii) {
+            out.asciiString(entry->rawName);
+        } else {
+            out.string(entry->name);
+        }
+        if (entry->isFolder()) {
+            out.raw(",\"size_bytes\":null,\"type\":\"folder\"}");
+        } else {
+            out.raw(",\"size_bytes\":");
+            out.integer(entry->size());
+            out.raw(",\"type\":\"file\"}");
+        }
+    }
+    out.raw("],\"path\":");
+    out.string(listing.agentPath);
+    out.raw("}");
+    return out.take();
 }

@@ -39,33 +39,29 @@ int sequenceLength(unsigned char lead, unsigned char& low, unsigned char& high) 
     return 0;
 }
 
-void appendCodePoint(char32_t codePoint, QString& out) {
-    if (codePoint < 0x10000) {
-        out.append(QChar(static_cast<char16_t>(codePoint)));
-    } else {
-        out.append(QChar(QChar::highSurrogate(codePoint)));
-        out.append(QChar(QChar::lowSurrogate(codePoint)));
-    }
-}
-
 } // namespace
 
 std::size_t Utf8Decoder::decodeSpan(const unsigned char* bytes, std::size_t size, bool final,
                                     QString& out) {
+    // Written through a pointer into room made up front, not appended a character at a time: no
+    // byte becomes more than one UTF-16 unit (four make a surrogate pair), so `size` is enough.
+    const qsizetype base = out.size();
+    out.resize(base + static_cast<qsizetype>(size));
+    char16_t* const begin = reinterpret_cast<char16_t*>(out.data()) + base;
+    char16_t* dst = begin;
+    auto done = [&](std::size_t consumed) {
+        out.truncate(base + (dst - begin));
+        return consumed;
+    };
+
     std::size_t i = 0;
     while (i < size) {
         // ASCII runs are the common case; copy them without the general machinery.
-        std::size_t run = i;
-        while (run < size && bytes[run] < 0x80) {
-            ++run;
+        while (i < size && bytes[i] < 0x80) {
+            *dst++ = bytes[i++];
         }
-        if (run > i) {
-            out.append(QLatin1StringView(reinterpret_cast<const char*>(bytes + i),
-                                         static_cast<qsizetype>(run - i)));
-            i = run;
-            if (i == size) {
-                break;
-            }
+        if (i == size) {
+            break;
         }
 
         const unsigned char lead = bytes[i];
@@ -73,7 +69,7 @@ std::size_t Utf8Decoder::decodeSpan(const unsigned char* bytes, std::size_t size
         unsigned char high = 0;
         const int length = sequenceLength(lead, low, high);
         if (length == 0) {
-            out.append(QChar(replacement));
+            *dst++ = replacement;
             ++i;
             continue;
         }
@@ -83,7 +79,7 @@ std::size_t Utf8Decoder::decodeSpan(const unsigned char* bytes, std::size_t size
         while (taken < length) {
             if (i + taken >= size) {
                 if (!final) {
-                    return i; // may be completed by the next chunk
+                    return done(i); // may be completed by the next chunk
                 }
                 broken = true;
                 break;
@@ -100,14 +96,19 @@ std::size_t Utf8Decoder::decodeSpan(const unsigned char* bytes, std::size_t size
         }
         if (broken) {
             // The valid prefix read so far is one maximal subpart.
-            out.append(QChar(replacement));
+            *dst++ = replacement;
             i += taken;
             continue;
         }
-        appendCodePoint(codePoint, out);
+        if (codePoint < 0x10000) {
+            *dst++ = static_cast<char16_t>(codePoint);
+        } else {
+            *dst++ = QChar::highSurrogate(codePoint);
+            *dst++ = QChar::lowSurrogate(codePoint);
+        }
         i += length;
     }
-    return i;
+    return done(i);
 }
 
 void Utf8Decoder::feed(const char* data, std::size_t size, QString& out) {

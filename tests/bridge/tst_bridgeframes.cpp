@@ -51,8 +51,8 @@ class BridgeFramesTest : public QObject {
 
     // Holds "slow" calls until the gate opens, or for a nested event loop of `nestedMs`; every
     // other method answers at once with its own name.
-    static QCoro::Task<QJsonObject> recordingDispatch(BridgeFramesTest* test, QString method,
-                                                      int nestedMs) {
+    static QCoro::Task<ToolResult> recordingDispatch(BridgeFramesTest* test, QString method,
+                                                     int nestedMs) {
         test->events.append(QStringLiteral("start ") + method);
         test->mostRunning = std::max(test->mostRunning, ++test->running);
         if (method == u"slow") {
@@ -71,7 +71,7 @@ class BridgeFramesTest : public QObject {
         co_return QJsonObject{{QStringLiteral("method"), method}};
     }
 
-    static QCoro::Task<QJsonObject> answerWith(QJsonObject object) { co_return object; }
+    static QCoro::Task<ToolResult> answerWith(QJsonObject object) { co_return object; }
 
     void useRecordingDispatcher(int nestedMs = 0) {
         f->client->dispatcher = [this, nestedMs](QString method, QJsonObject, QList<SharedFolder>) {
@@ -215,6 +215,39 @@ private slots:
         QCOMPARE(reply.value(QStringLiteral("ok")), QJsonValue(true));
         QCOMPARE(reply.value(QStringLiteral("result")).toObject(), odd);
         QVERIFY(!reply.contains(QStringLiteral("error")));
+    }
+
+    void listingsArriveAsTheBytesOfTheirReplyObjects() {
+        // A folder listing travels as JSON text written without QJsonObject; on the wire it must
+        // be exactly what QJsonDocument writes for the same reply built as an object.
+        const QString reqId = QStringLiteral("r\u00e9\"\\\u0001\ufeff");
+        const QJsonObject calls[] = {
+            {{QStringLiteral("path"), QStringLiteral("Docs")}},
+            {{QStringLiteral("path"), QStringLiteral("Docs/sub")}},
+            {}, // the shared folders
+            {{QStringLiteral("path"), QStringLiteral("Docs/missing")}},
+        };
+        qsizetype answered = 0;
+        for (const QJsonObject& params : calls) {
+            f->service.sendText(
+                compact({{QStringLiteral("type"), QStringLiteral("call")},
+                         {QStringLiteral("req_id"), reqId},
+                         {QStringLiteral("method"), QStringLiteral("local_list_files")},
+                         {QStringLiteral("params"), params}}));
+            ++answered;
+            QTRY_COMPARE(f->service.frames.size(), answered);
+            const QJsonObject result = expected(QStringLiteral("local_list_files"), params);
+            QJsonObject reply{{QStringLiteral("type"), QStringLiteral("result")},
+                              {QStringLiteral("req_id"), reqId}};
+            if (result.value(QStringLiteral("error")).isString()) {
+                reply.insert(QStringLiteral("ok"), false);
+                reply.insert(QStringLiteral("error"), result.value(QStringLiteral("error")));
+            } else {
+                reply.insert(QStringLiteral("ok"), true);
+                reply.insert(QStringLiteral("result"), result);
+            }
+            QCOMPARE(f->service.frames.back(), compact(reply));
+        }
     }
 
     void readResultKeepsNonAsciiText() {

@@ -189,6 +189,38 @@ QByteArray randomText(std::mt19937& random) {
     return bytes;
 }
 
+// Mostly runs of characters that never join a neighbour like them (ASCII, Latin, Cyrillic,
+// CJK, a dash, controls), so that the edges of those runs meet every kind of joining piece.
+QByteArray randomPlainText(std::mt19937& random) {
+    static const std::vector<QByteArray> plain = {
+        "a",
+        "Z",
+        " ",
+        ".",
+        "\t",
+        "\r",
+        "\n",
+        "\xC3\xA9",
+        "\xD0\xB8",
+        "\xE4\xB8\xAD",
+        "\xE2\x80\x94",
+        "\xC2\xAD",
+        "\xE0\xA4\x95" /* Devanagari KA, joined by a virama */};
+    QByteArray bytes;
+    const unsigned count = random() % 40;
+    for (unsigned i = 0; i < count; ++i) {
+        if (random() % 3 == 0) {
+            bytes.append(pieces()[random() % pieces().size()]);
+            continue;
+        }
+        const unsigned run = 1 + random() % 12;
+        for (unsigned k = 0; k < run; ++k) {
+            bytes.append(plain[random() % plain.size()]);
+        }
+    }
+    return bytes;
+}
+
 QList<QByteArray> randomPackets(std::mt19937& random, const QByteArray& bytes) {
     std::vector<qsizetype> cuts;
     if (bytes.size() > 1) {
@@ -502,6 +534,94 @@ private slots:
                          !tail.isEmpty()));
     }
 
+    void plainTextMeetsAJoiningCharacterAtTheLimit_data() {
+        QTest::addColumn<QByteArray>("character"); // the limit-th character, after plain text
+        QTest::addColumn<QByteArray>("tail");
+        const struct {
+            const char* name;
+            QByteArray character;
+        } cases[] = {
+            {"ASCII letter and combining accent", "e\xCC\x81"},
+            {"ASCII letter and zero width joiner", "e\xE2\x80\x8D"},
+            {"CR LF", "\r\n"},
+            {"emoji with skin tone", "\xF0\x9F\x91\x8D\xF0\x9F\x8F\xBD"},
+            {"precomposed letter and combining mark", "\xC3\xA9\xCC\xA3"},
+            {"Cyrillic letter and breve", "\xD0\xB8\xCC\x86"},
+            {"CJK and variation selector", "\xE4\xB8\xAD\xEF\xB8\x8F"},
+            {"Devanagari consonants joined by a virama", "\xE0\xA4\x95\xE0\xA5\x8D\xE0\xA4\x95"},
+            {"Devanagari consonant and spacing mark", "\xE0\xA4\x95\xE0\xA4\x83"},
+            {"prepended mark and a digit", "\xD8\x80"
+                                           "1"},
+            {"Hangul jamo", "\xE1\x84\x80\xE1\x85\xA1"},
+        };
+        for (const auto& c : cases) {
+            QTest::addRow("%s, then more", c.name) << c.character << QByteArray("xy");
+            QTest::addRow("%s, at the end", c.name) << c.character << QByteArray();
+        }
+    }
+    void plainTextMeetsAJoiningCharacterAtTheLimit() {
+        QFETCH(QByteArray, character);
+        QFETCH(QByteArray, tail);
+        const QByteArray before = QByteArray("a").repeated(limit - 1);
+        const QByteArray bytes = before + character + tail;
+        QCOMPARE(reference(bytes, limit).content, QString::fromUtf8(before + character));
+        TempTree tree;
+        tree.file(QStringLiteral("docs/edge.txt"), bytes);
+        QCOMPARE(readCall(QStringLiteral("Docs/edge.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/edge.txt"), QString::fromUtf8(before + character),
+                         !tail.isEmpty()));
+        // One fewer: the cut falls just before the joined character.
+        const int fd =
+            ::open(QFile::encodeName(tree.path(QStringLiteral("docs/edge.txt"))).constData(),
+                   O_RDONLY | O_CLOEXEC);
+        QVERIFY(fd >= 0);
+        FileReader::Text text;
+        const int error = FileReader::readText(fd, limit - 1, text);
+        ::close(fd);
+        QCOMPARE(error, 0);
+        QCOMPARE(text.content, QString::fromLatin1(before));
+        QVERIFY(text.truncated);
+    }
+
+    void everyBmpCharacterNextToPlainText() {
+        // Each character between ASCII letters, doubled, and after CR and before LF: a boundary
+        // placed where ICU has none shows up as a different count of characters.
+        for (char32_t block = 0; block < 0x10000; block += 0x400) {
+            QString text;
+            for (char32_t c = block; c < block + 0x400; ++c) {
+                if (QChar::isSurrogate(c)) {
+                    continue;
+                }
+                const QChar ch(static_cast<char16_t>(c));
+                text += u'a';
+                text += ch;
+                text += u'b';
+                text += ch;
+                text += ch;
+                text += u'\r';
+                text += ch;
+                text += u'\n';
+            }
+            if (text.isEmpty()) {
+                continue; // surrogates only
+            }
+            const QByteArray bytes = text.toUtf8();
+            const qsizetype total = clusterCount(Utf8Decoder::decode(bytes));
+            for (qsizetype count : {total, total - 1, total / 2}) {
+                FileReader::Text got;
+                int error = -1;
+                readPackets({bytes}, true, count, got, error);
+                const FileReader::Text expected = reference(bytes, count);
+                QVERIFY2(error == 0 && got.content == expected.content &&
+                             got.truncated == expected.truncated,
+                         qPrintable(QStringLiteral("block U+%1, limit %2 of %3")
+                                        .arg(quint32(block), 4, 16, QLatin1Char('0'))
+                                        .arg(count)
+                                        .arg(total)));
+            }
+        }
+    }
+
     void fifoIsAnErrorNotAHang() {
         TempTree tree;
         tree.dir(QStringLiteral("docs"));
@@ -609,6 +729,42 @@ private slots:
                                          .arg(clusterCount(expected.content))
                                          .arg(expected.truncated)
                                          .arg(hex.join(QStringLiteral(" | ")))));
+                }
+            }
+        }
+    }
+
+    void plainTextEqualsDecodingWholeAndCutting() {
+        std::mt19937 random(2718);
+        for (int round = 0; round < 1500; ++round) {
+            const QByteArray bytes = randomPlainText(random);
+            const QList<QByteArray> packets = randomPackets(random, bytes);
+            const qsizetype total = clusterCount(Utf8Decoder::decode(bytes));
+            const qsizetype counts[] = {0, 1 + static_cast<qsizetype>(random() % 50),
+                                        1 + static_cast<qsizetype>(random() % 200),
+                                        std::max<qsizetype>(total - 1, 1),
+                                        std::max<qsizetype>(total, 1)};
+            for (qsizetype count : counts) {
+                FileReader::Text text;
+                int error = -1;
+                readPackets(packets, true, count, text, error);
+                if (QTest::currentTestFailed()) {
+                    return;
+                }
+                const FileReader::Text expected = reference(bytes, count);
+                if (error != 0 || text.content != expected.content ||
+                    text.truncated != expected.truncated) {
+                    QFAIL(qPrintable(QStringLiteral("round %1, limit %2, error %3: got %4 "
+                                                    "characters (truncated %5), expected %6 "
+                                                    "(truncated %7); text %8")
+                                         .arg(round)
+                                         .arg(count)
+                                         .arg(error)
+                                         .arg(clusterCount(text.content))
+                                         .arg(text.truncated)
+                                         .arg(clusterCount(expected.content))
+                                         .arg(expected.truncated)
+                                         .arg(QString::fromLatin1(bytes.toHex(' ')))));
                 }
             }
         }

@@ -8,12 +8,15 @@
 
 #include <QFile>
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QSet>
 #include <QTest>
 
 #include <cerrno>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -199,6 +202,78 @@ private slots:
         QCOMPARE(listCall(QStringLiteral("Docs/") + mark + mark + QStringLiteral("two"), docs(tree))
                      .value(QStringLiteral("count")),
                  0);
+    }
+
+    void jsonTextIsWhatQJsonDocumentWrites() {
+        // listJson() writes the answer without QJsonObject; it must be byte for byte what
+        // QJsonDocument writes for list(): escapes, UTF-8, invalid names, numbers, order.
+        TempTree tree;
+        tree.dir(QStringLiteral("docs"));
+        const QByteArray dir = QFile::encodeName(tree.path(QStringLiteral("docs"))) + '/';
+        QList<QByteArray> names = {"plain.txt",
+                                   "a\"quote",
+                                   "back\\slash",
+                                   "del\x7f",
+                                   "caf\xC3\xA9",
+                                   "cafe\xCC\x81",
+                                   "\xE4\xB8\xAD\xE6\x96\x87",
+                                   "\xF0\x9F\x98\x80 smile",
+                                   "\xEF\xBB\xBF"
+                                   "mark",
+                                   "\xEF\xBB\xBF\xEF\xBB\xBF",
+                                   "sep\xE2\x80\xA8line",
+                                   "non\xEF\xBF\xBE"
+                                   "char",
+                                   "bad\xFF",
+                                   "\xED\xA0\x80"
+                                   "surrogate",
+                                   "\xC0\xAF"
+                                   "overlong",
+                                   "cut\xE2\x82",
+                                   "\x80lead",
+                                   "\xF4\x90\x80\x80high",
+                                   "~tilde",
+                                   "_under",
+                                   "Upper"};
+        for (char c = 1; c < 0x20; ++c) {
+            names.append(QByteArray("ctl") + c);
+        }
+        qint64 when = -631152000; // 1950
+        for (const QByteArray& name : std::as_const(names)) {
+            const QByteArray path = dir + name;
+            const int fd = ::open(path.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+            QVERIFY2(fd >= 0, path.constData());
+            ::close(fd);
+            const timespec times[2] = {{when, 0}, {when, (when % 3) * 300000000L}};
+            QCOMPARE(::utimensat(AT_FDCWD, path.constData(), times, 0), 0);
+            when += 123456789;
+        }
+        QCOMPARE(::truncate((dir + "plain.txt").constData(), qint64(1) << 40), 0);
+        QCOMPARE(::truncate((dir + "Upper").constData(), 4097), 0);
+        tree.dir(QStringLiteral("docs/folder \u00e9"));
+        tree.dir(QStringLiteral("docs/folder \u00e9/inner\\\"dir"));
+        tree.setModified(QStringLiteral("docs/folder \u00e9"), -1, 500000000L);
+        tree.symlink(QStringLiteral("docs/link"), QStringLiteral("plain.txt"));
+        QCOMPARE(::mkfifo((dir + "fifo").constData(), 0600), 0);
+
+        const QList<SharedFolder> folders = {
+            ToolCall::folder(QStringLiteral("Docs \"\u00e9\""), tree.path(QStringLiteral("docs"))),
+            ToolCall::folder(QStringLiteral("Other"),
+                             tree.path(QStringLiteral("docs/folder \u00e9")))};
+        for (const QString& path :
+             {QStringLiteral("Docs \"\u00e9\""), QStringLiteral("Docs \"\u00e9\"/folder \u00e9"),
+              QStringLiteral("Other"), QStringLiteral("Docs \"\u00e9\"/folder \u00e9/inner\\\"dir"),
+              QString(), QStringLiteral("/")}) {
+            const QJsonObject object = FolderLister::list(path, folders);
+            QVERIFY(object.value(QStringLiteral("count")).toInteger() > 0 ||
+                    path.contains(u"inner"));
+            QCOMPARE(FolderLister::listJson(path, folders),
+                     QJsonDocument(object).toJson(QJsonDocument::Compact));
+        }
+        QCOMPARE(FolderLister::list(QStringLiteral("Docs \"\u00e9\""), folders)
+                     .value(QStringLiteral("count"))
+                     .toInteger(),
+                 names.size() + 3);
     }
 
     void sortsCaseSensitivelyWithFoldersMixedIn() {
