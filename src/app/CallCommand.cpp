@@ -101,8 +101,14 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
         co_return co_await prompt.ask(std::move(path), bytes);
     });
 
-    const QJsonObject result = QCoro::waitFor(FileService::handle(method, params, folders));
-    out << QString::fromUtf8(QJsonDocument(result).toJson(QJsonDocument::Compact)) << "\n"
+    // The same text the bridge sends; a listing comes as ready JSON, which is never an error.
+    const ToolResult result = QCoro::waitFor(FileService::run(method, params, folders));
+    if (result.isJson()) {
+        out << QString::fromUtf8(result.json()) << "\n" << Qt::flush;
+        return 0;
+    }
+    const QJsonObject object = result.toObject();
+    out << QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)) << "\n"
         << Qt::flush;
-    return result.contains(QStringLiteral("error")) ? 1 : 0;
+    return object.contains(QStringLiteral("error")) ? 1 : 0;
 }
