@@ -120,6 +120,34 @@ void readPackets(const QList<QByteArray>& packets, bool end, qsizetype count,
     ::close(pair[1]);
 }
 
+// Reads `packets` with a limit of `count` characters and compares the outcome with decoding the
+// whole text and cutting it; a failure names the round, the limit and `input`.
+bool readsLikeWholeText(const QList<QByteArray>& packets, const QByteArray& bytes, qsizetype count,
+                        int round, const QString& input) {
+    FileReader::Text text;
+    int error = -1;
+    readPackets(packets, true, count, text, error);
+    if (QTest::currentTestFailed()) {
+        return false;
+    }
+    const FileReader::Text expected = reference(bytes, count);
+    if (error == 0 && text.content == expected.content && text.truncated == expected.truncated) {
+        return true;
+    }
+    QTest::qFail(qPrintable(QStringLiteral("round %1, limit %2, error %3: got %4 characters "
+                                           "(truncated %5), expected %6 (truncated %7); %8")
+                                .arg(round)
+                                .arg(count)
+                                .arg(error)
+                                .arg(clusterCount(text.content))
+                                .arg(text.truncated)
+                                .arg(clusterCount(expected.content))
+                                .arg(expected.truncated)
+                                .arg(input)),
+                 __FILE__, __LINE__);
+    return false;
+}
+
 // Pieces of text that stress decoding and cluster boundaries.
 const std::vector<QByteArray>& pieces() {
     static const std::vector<QByteArray> all = {"a",
@@ -704,31 +732,15 @@ private slots:
                                         std::max<qsizetype>(total - 1, 1),
                                         std::max<qsizetype>(total, 1),
                                         total + 1};
+            QStringList hex;
+            for (const QByteArray& packet : packets) {
+                hex.append(QString::fromLatin1(packet.toHex(' ')));
+            }
+            const QString input =
+                QStringLiteral("packets [%1]").arg(hex.join(QStringLiteral(" | ")));
             for (qsizetype count : counts) {
-                FileReader::Text text;
-                int error = -1;
-                readPackets(packets, true, count, text, error);
-                if (QTest::currentTestFailed()) {
+                if (!readsLikeWholeText(packets, bytes, count, round, input)) {
                     return;
-                }
-                const FileReader::Text expected = reference(bytes, count);
-                if (error != 0 || text.content != expected.content ||
-                    text.truncated != expected.truncated) {
-                    QStringList hex;
-                    for (const QByteArray& packet : packets) {
-                        hex.append(QString::fromLatin1(packet.toHex(' ')));
-                    }
-                    QFAIL(qPrintable(QStringLiteral("round %1, limit %2, error %3: got %4 "
-                                                    "characters (truncated %5), expected %6 "
-                                                    "(truncated %7); packets [%8]")
-                                         .arg(round)
-                                         .arg(count)
-                                         .arg(error)
-                                         .arg(clusterCount(text.content))
-                                         .arg(text.truncated)
-                                         .arg(clusterCount(expected.content))
-                                         .arg(expected.truncated)
-                                         .arg(hex.join(QStringLiteral(" | ")))));
                 }
             }
         }
@@ -744,27 +756,11 @@ private slots:
                                         1 + static_cast<qsizetype>(random() % 200),
                                         std::max<qsizetype>(total - 1, 1),
                                         std::max<qsizetype>(total, 1)};
+            const QString input =
+                QStringLiteral("text %1").arg(QString::fromLatin1(bytes.toHex(' ')));
             for (qsizetype count : counts) {
-                FileReader::Text text;
-                int error = -1;
-                readPackets(packets, true, count, text, error);
-                if (QTest::currentTestFailed()) {
+                if (!readsLikeWholeText(packets, bytes, count, round, input)) {
                     return;
-                }
-                const FileReader::Text expected = reference(bytes, count);
-                if (error != 0 || text.content != expected.content ||
-                    text.truncated != expected.truncated) {
-                    QFAIL(qPrintable(QStringLiteral("round %1, limit %2, error %3: got %4 "
-                                                    "characters (truncated %5), expected %6 "
-                                                    "(truncated %7); text %8")
-                                         .arg(round)
-                                         .arg(count)
-                                         .arg(error)
-                                         .arg(clusterCount(text.content))
-                                         .arg(text.truncated)
-                                         .arg(clusterCount(expected.content))
-                                         .arg(expected.truncated)
-                                         .arg(QString::fromLatin1(bytes.toHex(' ')))));
                 }
             }
         }
