@@ -481,6 +481,18 @@ class ConnectionFaultsTest : public QObject {
         EventWait::pause(200);
     }
 
+    // Stops the calls and checks the whole run from both sides.
+    void finishRun() {
+        stopLoad();
+        QVERIFY2(companion->isRunning(), qPrintable(companion->describe()));
+        // Nothing went wrong that the companion or Qt would complain about.
+        QCOMPARE(companion->process().standardError(), QByteArray());
+
+        checkCompanionSide();
+        checkServiceSide();
+        checkCalls();
+    }
+
 private slots:
     void initTestCase() {
         QVERIFY(stateDir.isValid());
@@ -571,14 +583,10 @@ private slots:
 
         const int target = load->answered() + callsBetweenFaults;
         QVERIFY(EventWait::until([&] { return load->answered() >= target; }, 60000));
-        stopLoad();
-        QVERIFY2(companion->isRunning(), qPrintable(companion->describe()));
-        // Nothing went wrong that the companion or Qt would complain about.
-        QCOMPARE(companion->process().standardError(), QByteArray());
-
-        checkCompanionSide();
-        checkServiceSide();
-        checkCalls();
+        finishRun();
+        if (QTest::currentTestFailed()) {
+            return;
+        }
         QVERIFY(load->answered() >= 9 * callsBetweenFaults);
     }
 
@@ -588,14 +596,7 @@ private slots:
         runEpisode({QStringLiteral("drop, refusing 33 s"), {2, 4, 8, 16, 30}}, [&] { drop(33); });
         runEpisode({QStringLiteral("drop after the ceiling"), {2}}, [&] { drop(0); });
         QVERIFY(!QTest::currentTestFailed());
-        stopLoad();
-        QVERIFY2(companion->isRunning(), qPrintable(companion->describe()));
-        // Nothing went wrong that the companion or Qt would complain about.
-        QCOMPARE(companion->process().standardError(), QByteArray());
-
-        checkCompanionSide();
-        checkServiceSide();
-        checkCalls();
+        finishRun();
     }
 };
 
