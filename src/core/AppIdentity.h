@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 // Where this application keeps its things. Everything persistent lives under the XDG base
 // directories, so HOME / XDG_CONFIG_HOME / XDG_DATA_HOME isolate an instance completely.
@@ -12,4 +13,8 @@ public:
     static QString configDirectory();
     // $XDG_DATA_HOME/app.quillmar.companion
     static QString dataDirectory();
+    // Everything of the companion's own that agents must never reach, even inside a shared
+    // folder: settings, data (the token file, kept versions), cache, autostart entry and the
+    // runtime files of the running instance.
+    static QStringList ownFiles();
 };

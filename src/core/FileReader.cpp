@@ -1,5 +1,6 @@
 #include "FileReader.h"
 
+#include "FileDescriptor.h"
 #include "FileSystemError.h"
 #include "PathResolver.h"
 #include "ToolError.h"
@@ -23,22 +24,6 @@
 namespace {
 
 constexpr std::size_t chunkSize = 256 * 1024;
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : m_fd(fd) {}
-    ~FileDescriptor() {
-        if (m_fd >= 0) {
-            ::close(m_fd);
-        }
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
 
 // ICU's extended grapheme cluster breaks. Qt's own boundary finder is not used: it lets
 // Indic-script tailoring split emoji, surrogate pairs and CR LF next to Indic text, and it
@@ -240,28 +225,33 @@ int FileReader::readText(int fd, qsizetype limit, Text& result) {
     }
 }
 
-QJsonObject FileReader::read(const QString& path, const QList<SharedFolder>& folders) {
-    const PathResolver::Resolved resolved = PathResolver::resolve(path, folders);
-    const std::optional<QByteArray> native = PathResolver::nativePath(resolved.item);
-
-    struct stat info {};
-    if (!native || ::stat(native->constData(), &info) != 0 || S_ISDIR(info.st_mode)) {
+QJsonObject FileReader::read(const QString& path, const AccessPolicy& policy) {
+    const PathResolver::Resolved resolved = PathResolver::resolve(path, policy.folders());
+    const FileLocation location = policy.locate(resolved.item, AccessPolicy::Purpose::Read);
+    if (location.failedForWantOfResources()) {
+        throw FileSystemError(location.error, QStringLiteral("read"), path);
+    }
+    if (!location.exists() || location.isDirectory()) {
         throw ToolError(QStringLiteral("File not found: ") + path);
     }
     // A FIFO or a device could block the caller for ever or never end; only files are read.
-    if (!S_ISREG(info.st_mode)) {
+    if (!location.isRegularFile()) {
         throw FileSystemError(QStringLiteral("it is not a regular file"), QStringLiteral("read"),
                               path);
     }
-    FileDescriptor file(::open(native->constData(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (file.get() < 0) {
+    const FileDescriptor file(::openat(location.directory.get(), location.name.constData(),
+                                       O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
+    if (!file.valid()) {
         throw FileSystemError(errno, QStringLiteral("read"), path);
     }
-    // The path may have been swapped between the two looks.
-    if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) {
-        throw FileSystemError(QStringLiteral("it is not a regular file"), QStringLiteral("read"),
-                              path);
+    // Only the file that was checked is read, even if the name was swapped meanwhile.
+    struct stat info {};
+    if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode) ||
+        info.st_dev != location.status.st_dev || info.st_ino != location.status.st_ino) {
+        throw FileSystemError(QStringLiteral("it changed while it was being opened"),
+                              QStringLiteral("read"), path);
     }
+    policy.confirm(file.get());
 
     Text text;
     if (const int error = readText(file.get(), characterLimit, text); error != 0) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SharedFolder.h"
+#include "AccessPolicy.h"
 
 #include <QJsonObject>
 #include <QList>
@@ -12,7 +12,7 @@ public:
     static constexpr qsizetype characterLimit = 100000;
 
     // Throws ToolError, or FileSystemError when the file cannot be opened or read.
-    static QJsonObject read(const QString& path, const QList<SharedFolder>& folders);
+    static QJsonObject read(const QString& path, const AccessPolicy& policy);
 
     struct Text {
         QString content;

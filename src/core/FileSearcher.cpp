@@ -14,8 +14,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fnmatch.h>
+#include <linux/openat2.h>
 #include <locale.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace {
 
@@ -163,12 +166,54 @@ EntryKind kindOf(int dirFd, const dirent* entry) {
     }
 }
 
+// Opens a directory of the shared folder without following any link on the way, so that a
+// folder swapped for a link while the search runs is not walked into. `path` is real (the
+// folder's own links are resolved), so no link is legitimately left in it.
+int openWithoutLinks(const std::string& path, const AccessPolicy& policy) {
+    open_how how{};
+    how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW;
+    how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    const long fd = ::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how);
+    if (fd >= 0 || errno != ENOSYS) {
+        return int(fd);
+    }
+    // Kernels before 5.6: no link as the last step, and the descriptor must still be inside.
+    const int plain = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    try {
+        if (plain >= 0) {
+            policy.confirm(plain);
+        }
+    } catch (const ToolError&) {
+        ::close(plain);
+        return -1;
+    }
+    return plain;
+}
+
 // Reads one directory; regular files and directories are kept, everything else (links,
-// devices, sockets) is dropped here. False when the directory cannot be opened.
-bool readDirectory(const std::string& path, DirectoryFrame& frame) {
-    DIR* dir = ::opendir(path.c_str());
-    if (!dir) {
+// devices, sockets) and the companion's own files are dropped here. False when the directory
+// cannot be opened.
+bool readDirectory(const std::string& rootPath, const QByteArray& rootReal, DirectoryFrame& frame,
+                   const AccessPolicy& policy, bool mayHide) {
+    const int fd = openWithoutLinks(rootPath + frame.relative, policy);
+    if (fd < 0) {
         return false;
+    }
+    DIR* dir = ::fdopendir(fd);
+    if (!dir) {
+        ::close(fd);
+        return false;
+    }
+    QByteArray realDirectory;
+    if (mayHide) {
+        realDirectory = rootReal;
+        if (!frame.relative.empty()) {
+            if (realDirectory != "/") {
+                realDirectory += '/';
+            }
+            realDirectory.append(frame.relative.data(), qsizetype(frame.relative.size() - 1));
+        }
+        mayHide = policy.hidesIn(realDirectory);
     }
     const int dirFd = ::dirfd(dir);
     while (const dirent* entry = ::readdir(dir)) {
@@ -178,6 +223,9 @@ bool readDirectory(const std::string& path, DirectoryFrame& frame) {
         }
         const EntryKind kind = kindOf(dirFd, entry);
         if (kind == EntryKind::Other) {
+            continue;
+        }
+        if (mayHide && policy.hides(realDirectory, QByteArrayView(name))) {
             continue;
         }
         frame.offsets.push_back(static_cast<std::uint32_t>(frame.names.size()));
@@ -191,7 +239,7 @@ bool readDirectory(const std::string& path, DirectoryFrame& frame) {
 
 } // namespace
 
-QJsonObject FileSearcher::search(const QJsonObject& params, const QList<SharedFolder>& folders) {
+QJsonObject FileSearcher::search(const QJsonObject& params, const AccessPolicy& policy) {
     const QString query = JsonParams::string(params, QStringLiteral("query")).value_or(QString());
     if (query.isEmpty()) {
         throw ToolError(QStringLiteral("A 'query' is required."));
@@ -205,22 +253,23 @@ QJsonObject FileSearcher::search(const QJsonObject& params, const QList<SharedFo
     QJsonArray matches;
     bool done = false;
 
-    for (const SharedFolder& folder : folders) {
+    for (const SharedFolder& folder : policy.folders()) {
         if (done) {
             break;
         }
-        const std::optional<QByteArray> nativeRoot = PathResolver::nativePath(folder.path);
-        if (!nativeRoot) {
+        const QByteArray rootReal = policy.realRoot(folder);
+        if (rootReal.isEmpty() || policy.isOwn(rootReal)) {
             continue;
         }
-        std::string rootPath = nativeRoot->toStdString();
-        if (rootPath.empty() || rootPath.back() != '/') {
+        std::string rootPath = rootReal.toStdString();
+        if (rootPath.back() != '/') {
             rootPath.push_back('/');
         }
+        const bool mayHide = policy.hasOwnFilesBelow(rootReal);
         const QString agentPrefix = folder.name + u'/';
 
         std::vector<DirectoryFrame> stack(1);
-        if (!readDirectory(rootPath, stack.back())) {
+        if (!readDirectory(rootPath, rootReal, stack.back(), policy, mayHide)) {
             continue; // a folder that cannot be walked is skipped silently
         }
         while (!stack.empty() && !done) {
@@ -238,7 +287,7 @@ QJsonObject FileSearcher::search(const QJsonObject& params, const QList<SharedFo
                 child.relative.append(name, length);
                 child.relative.push_back('/');
                 // `frame` may move when the stack grows; nothing below uses it.
-                if (readDirectory(rootPath + child.relative, child)) {
+                if (readDirectory(rootPath, rootReal, child, policy, mayHide)) {
                     stack.push_back(std::move(child));
                 }
                 continue;

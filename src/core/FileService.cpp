@@ -1,5 +1,6 @@
 #include "FileService.h"
 
+#include "AppIdentity.h"
 #include "FileReader.h"
 #include "FileSearcher.h"
 #include "FileSystemError.h"
@@ -15,12 +16,45 @@
 
 namespace {
 
-ToolResult listFolder(const QJsonObject& params, const QList<SharedFolder>& folders, bool asJson) {
-    const QString path = JsonParams::string(params, QStringLiteral("path")).value_or(QString());
-    if (asJson) {
-        return ToolResult::fromJson(FolderLister::listJson(path, folders));
+// Every failure becomes the one shape the agent sees.
+QJsonObject describeFailure(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const ToolError& error) {
+        return FileService::errorObject(error.message());
+    } catch (const FileSystemError& error) {
+        return FileService::errorObject(error.description());
+    } catch (const std::bad_alloc&) {
+        return FileService::errorObject(QStringLiteral("Not enough memory to complete the call."));
+    } catch (const std::exception& error) {
+        return FileService::errorObject(QString::fromUtf8(error.what()));
+    } catch (...) {
+        return FileService::errorObject(QStringLiteral("The call failed for an unknown reason."));
     }
-    return FolderLister::list(path, folders);
+}
+
+// The tools that never wait for anyone; nothing for a write or an unknown method.
+std::optional<ToolResult> runDirect(const QString& method, const QJsonObject& params,
+                                    const AccessPolicy& policy, bool asJson) {
+    if (method == u"local_list_files") {
+        const QString path = JsonParams::string(params, QStringLiteral("path")).value_or(QString());
+        if (asJson) {
+            return ToolResult::fromJson(FolderLister::listJson(path, policy));
+        }
+        return ToolResult(FolderLister::list(path, policy));
+    }
+    if (method == u"local_read_file") {
+        const QString path = PathResolver::requirePath(params);
+        return ToolResult(FileReader::read(path, policy));
+    }
+    if (method == u"local_search_files") {
+        return ToolResult(FileSearcher::search(params, policy));
+    }
+    return std::nullopt;
+}
+
+ToolResult unknownMethod(const QString& method) {
+    return FileService::errorObject(QStringLiteral("Unknown method: ") + method);
 }
 
 } // namespace
@@ -43,28 +77,39 @@ QCoro::Task<ToolResult> FileService::run(QString method, QJsonObject params,
 
 QCoro::Task<ToolResult> FileService::dispatch(QString method, QJsonObject params,
                                               QList<SharedFolder> folders, bool asJson) {
+    const AccessPolicy policy(std::move(folders), AppIdentity::ownFiles());
+    std::exception_ptr failure;
     try {
-        if (method == u"local_list_files") {
-            co_return listFolder(params, folders, asJson);
-        }
-        if (method == u"local_read_file") {
-            const QString path = PathResolver::requirePath(params);
-            co_return FileReader::read(path, folders);
-        }
-        if (method == u"local_search_files") {
-            co_return FileSearcher::search(params, folders);
-        }
         if (method == u"local_write_file") {
-            co_return co_await FileWriter::write(params, folders);
+            co_return co_await FileWriter::write(params, policy);
         }
-    } catch (const ToolError& error) {
-        co_return errorObject(error.message());
-    } catch (const FileSystemError& error) {
-        co_return errorObject(error.description());
-    } catch (const std::bad_alloc&) {
-        co_return errorObject(QStringLiteral("Not enough memory to complete the call."));
-    } catch (const std::exception& error) {
-        co_return errorObject(QString::fromUtf8(error.what()));
+        if (std::optional<ToolResult> result = runDirect(method, params, policy, asJson)) {
+            co_return std::move(*result);
+        }
+    } catch (...) {
+        failure = std::current_exception();
     }
-    co_return errorObject(QStringLiteral("Unknown method: ") + method);
+    if (failure) {
+        co_return describeFailure(failure);
+    }
+    co_return unknownMethod(method);
+}
+
+ToolResult FileService::execute(const QString& method, const QJsonObject& params,
+                                const AccessPolicy& policy, const Approver& approve) {
+    try {
+        if (method == u"local_write_file") {
+            PendingWrite pending = FileWriter::prepare(params, policy);
+            if (!approve || !approve(pending.shownPath, pending.data.size())) {
+                return FileWriter::declined();
+            }
+            return FileWriter::commit(pending, policy);
+        }
+        if (std::optional<ToolResult> result = runDirect(method, params, policy, true)) {
+            return std::move(*result);
+        }
+    } catch (...) {
+        return describeFailure(std::current_exception());
+    }
+    return unknownMethod(method);
 }

@@ -1,5 +1,7 @@
 #include "FileWriter.h"
 
+#include "FileDescriptor.h"
+#include "FileNameCodec.h"
 #include "FileService.h"
 #include "FileSystemError.h"
 #include "JsonParams.h"
@@ -20,33 +22,7 @@ bool isBase64Letter(char16_t c) {
            c == u'+' || c == u'/';
 }
 
-// mkdir -p for the parent of `path`; existing directories are fine.
-int makeParents(const QByteArray& path) {
-    const qsizetype lastSlash = path.lastIndexOf('/');
-    if (lastSlash <= 0) {
-        return 0;
-    }
-    const QByteArray parent = path.left(lastSlash);
-    struct stat info {};
-    if (::stat(parent.constData(), &info) == 0) {
-        return S_ISDIR(info.st_mode) ? 0 : ENOTDIR;
-    }
-    if (const int error = makeParents(parent); error != 0) {
-        return error;
-    }
-    if (::mkdir(parent.constData(), 0777) != 0 && errno != EEXIST) {
-        return errno;
-    }
-    return 0;
-}
-
-int writeAll(const QByteArray& path, const QByteArray& data) {
-    // O_NONBLOCK: a FIFO without a reader fails at once instead of blocking the caller.
-    const int fd = ::open(path.constData(),
-                          O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
-    if (fd < 0) {
-        return errno;
-    }
+int writeAll(int fd, const QByteArray& data) {
     qsizetype written = 0;
     int error = 0;
     while (written < data.size()) {
@@ -60,9 +36,6 @@ int writeAll(const QByteArray& path, const QByteArray& data) {
             break;
         }
         written += n;
-    }
-    if (::close(fd) != 0 && error == 0 && errno != EINTR) {
-        error = errno;
     }
     return error;
 }
@@ -90,38 +63,119 @@ std::optional<QByteArray> FileWriter::decodeStrictBase64(const QString& text) {
     return *decoded;
 }
 
-QCoro::Task<QJsonObject> FileWriter::write(QJsonObject params, QList<SharedFolder> folders) {
-    const QString path = PathResolver::requirePath(params);
-    const PathResolver::Resolved resolved = PathResolver::resolve(path, folders);
+PendingWrite FileWriter::prepare(const QJsonObject& params, const AccessPolicy& policy) {
+    PendingWrite pending;
+    pending.path = PathResolver::requirePath(params);
+    const PathResolver::Resolved resolved = PathResolver::resolve(pending.path, policy.folders());
 
-    QByteArray data;
     std::optional<QByteArray> decoded;
     if (const auto base64 = JsonParams::string(params, QStringLiteral("content_base64"))) {
         decoded = decodeStrictBase64(*base64);
     }
     if (decoded) {
-        data = *decoded;
+        pending.data = std::move(*decoded);
     } else if (const auto content = JsonParams::string(params, QStringLiteral("content"))) {
-        data = content->toUtf8();
+        pending.data = content->toUtf8();
     }
 
-    const bool approved = co_await WriteApproval::request(path, data.size());
-    if (!approved) {
-        co_return FileService::errorObject(QStringLiteral("Write was declined on the user's Mac."));
+    pending.target = policy.locate(resolved.item, AccessPolicy::Purpose::Write);
+    pending.shownPath = pending.path;
+    // Where no link was followed the real place is the folder's place plus the same inner
+    // path; otherwise the user is told where the write really goes.
+    QString inner = resolved.item.mid(resolved.root.size());
+    QByteArray expected = AccessPolicy::realOrLexical(resolved.root);
+    if (resolved.root == u"/" && !inner.isEmpty()) {
+        inner.prepend(u'/');
     }
+    if (expected == "/" && !inner.isEmpty()) {
+        expected.clear();
+    }
+    expected += FileNameCodec::encode(inner);
+    if (!pending.target.realPath.isEmpty() && pending.target.realPath != expected) {
+        if (const std::optional<QString> real = policy.agentPath(pending.target.realPath)) {
+            pending.shownPath += QStringLiteral(" (a link to ") + *real + u')';
+        }
+    }
+    return pending;
+}
 
-    const std::optional<QByteArray> native = PathResolver::nativePath(resolved.item);
-    if (!native) {
+QJsonObject FileWriter::commit(PendingWrite& write, const AccessPolicy& policy) {
+    const QString& path = write.path;
+    FileLocation& target = write.target;
+    if (target.error == EINVAL) {
         throw FileSystemError(QStringLiteral("the path contains a NUL character"),
                               QStringLiteral("write"), path);
     }
-    if (const int error = makeParents(*native); error != 0) {
-        throw FileSystemError(error, QStringLiteral("create the folders for"), path);
+    if (!target.directory.valid() || (target.error != 0 && target.error != ENOENT)) {
+        const int error = target.error != 0 ? target.error : ENOENT;
+        throw FileSystemError(error,
+                              error == ENOTDIR ? QStringLiteral("create the folders for")
+                                               : QStringLiteral("write"),
+                              path);
     }
-    if (const int error = writeAll(*native, data); error != 0) {
+    policy.confirm(target.directory.get());
+
+    // Missing folders are made one level at a time below the checked directory, each opened
+    // without following links before the next is made in it.
+    FileDescriptor directory(::dup(target.directory.get()));
+    for (const QByteArray& folder : std::as_const(target.missing)) {
+        if (::mkdirat(directory.get(), folder.constData(), 0777) != 0 && errno != EEXIST) {
+            throw FileSystemError(errno, QStringLiteral("create the folders for"), path);
+        }
+        directory = FileDescriptor(::openat(directory.get(), folder.constData(),
+                                            O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!directory.valid()) {
+            throw FileSystemError(errno, QStringLiteral("create the folders for"), path);
+        }
+    }
+
+    // O_NONBLOCK: a FIFO without a reader fails at once instead of blocking the caller.
+    const int flags = O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW;
+    const char* name = target.name.constData();
+    FileDescriptor file(::openat(directory.get(), name, flags));
+    bool created = false;
+    if (!file.valid() && errno == ENOENT) {
+        file = FileDescriptor(::openat(directory.get(), name, flags | O_CREAT | O_EXCL, 0666));
+        created = file.valid();
+    }
+    if (!file.valid()) {
+        throw FileSystemError(errno, QStringLiteral("write"), path);
+    }
+    try {
+        policy.confirm(file.get());
+    } catch (const ToolError&) {
+        if (created) {
+            ::unlinkat(directory.get(), name, 0);
+        }
+        throw;
+    }
+    // Replaced in full: truncated, then written. Only files have a length to cut.
+    struct stat info {};
+    if (::fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode) &&
+        ::ftruncate(file.get(), 0) != 0) {
+        throw FileSystemError(errno, QStringLiteral("write"), path);
+    }
+    int error = writeAll(file.get(), write.data);
+    if (::close(file.release()) != 0 && error == 0 && errno != EINTR) {
+        error = errno;
+    }
+    if (error != 0) {
         throw FileSystemError(error, QStringLiteral("write"), path);
     }
-    co_return QJsonObject{{QStringLiteral("success"), true},
-                          {QStringLiteral("path"), path},
-                          {QStringLiteral("bytes"), static_cast<qint64>(data.size())}};
+    return QJsonObject{{QStringLiteral("success"), true},
+                       {QStringLiteral("path"), path},
+                       {QStringLiteral("bytes"), static_cast<qint64>(write.data.size())}};
+}
+
+QJsonObject FileWriter::declined() {
+    return FileService::errorObject(QStringLiteral("Write was declined on the user's Mac."));
+}
+
+QCoro::Task<QJsonObject> FileWriter::write(QJsonObject params, AccessPolicy policy) {
+    PendingWrite pending = prepare(params, policy);
+    const bool approved = co_await WriteApproval::request(pending.shownPath, pending.data.size());
+    if (!approved) {
+        co_return declined();
+    }
+    co_return commit(pending, policy);
 }

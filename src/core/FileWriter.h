@@ -1,22 +1,30 @@
 #pragma once
 
-#include "SharedFolder.h"
+#include "AccessPolicy.h"
+#include "PendingWrite.h"
 
 #include <QByteArray>
 #include <QCoroTask>
 #include <QJsonObject>
-#include <QList>
 #include <QString>
 
 #include <optional>
 
 // local_write_file: creates or replaces one file inside a shared folder, after the user's
-// approval.
+// approval. In three steps, so that the question can be asked anywhere in between: prepare
+// (every check, nothing touched), the approval, commit.
 class FileWriter {
 public:
-    // Throws ToolError before asking, FileSystemError when the write itself fails. A refusal
-    // is returned as {"error": ...}.
-    static QCoro::Task<QJsonObject> write(QJsonObject params, QList<SharedFolder> folders);
+    // Throws ToolError before anything is asked or touched.
+    static PendingWrite prepare(const QJsonObject& params, const AccessPolicy& policy);
+    // Throws FileSystemError when the write fails, ToolError when the place has left the shared
+    // folders since it was checked.
+    static QJsonObject commit(PendingWrite& write, const AccessPolicy& policy);
+    // The answer when the user said no.
+    static QJsonObject declined();
+
+    // All three, asking through WriteApproval. Throws as prepare and commit do.
+    static QCoro::Task<QJsonObject> write(QJsonObject params, AccessPolicy policy);
 
     // Standard alphabet, "=" padding to a multiple of four, nothing else (no line breaks).
     static std::optional<QByteArray> decodeStrictBase64(const QString& text);

@@ -133,29 +133,51 @@ QJsonObject sharedFoldersObject(const QList<SharedFolder>& folders) {
                        {QStringLiteral("count"), items.size()}};
 }
 
-Listing readFolder(const QString& path, const QList<SharedFolder>& folders) {
+Listing readFolder(const QString& path, const AccessPolicy& policy) {
+    const QList<SharedFolder>& folders = policy.folders();
     const PathResolver::Resolved resolved = PathResolver::resolve(path, folders);
-    const std::optional<QByteArray> native = PathResolver::nativePath(resolved.item);
-
-    struct stat target {};
-    if (!native || ::stat(native->constData(), &target) != 0) {
+    const FileLocation location = policy.locate(resolved.item, AccessPolicy::Purpose::Read);
+    if (location.failedForWantOfResources()) {
+        throw FileSystemError(location.error, QStringLiteral("list"), path);
+    }
+    if (!location.exists()) {
         throw ToolError(QStringLiteral("Path not found: ") + path);
     }
-    if (!S_ISDIR(target.st_mode)) {
+    if (!location.isDirectory()) {
         throw ToolError(QStringLiteral("Path is a file, not a folder. Use local_read_file."));
     }
 
-    DirectoryHandle dir(::opendir(native->constData()));
-    if (!dir.get()) {
+    // Opened by name in the directory that was checked (reading needs no search permission on
+    // the folder itself), and only if it is still the folder that was checked.
+    const int opened = ::openat(location.directory.get(), location.name.constData(),
+                                O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+    if (opened < 0) {
         throw FileSystemError(errno, QStringLiteral("list"), path);
     }
+    DirectoryHandle dir(::fdopendir(opened));
+    if (!dir.get()) {
+        const int error = errno;
+        ::close(opened);
+        throw FileSystemError(error, QStringLiteral("list"), path);
+    }
     const int dirFd = ::dirfd(dir.get());
+    struct stat openedStatus {};
+    if (::fstat(dirFd, &openedStatus) != 0 || openedStatus.st_dev != location.status.st_dev ||
+        openedStatus.st_ino != location.status.st_ino) {
+        throw FileSystemError(QStringLiteral("it changed while it was being opened"),
+                              QStringLiteral("list"), path);
+    }
+    policy.confirm(dirFd);
+    const bool mayHide = policy.hidesIn(location.realPath);
 
     Listing listing;
     errno = 0;
     while (const dirent* raw = ::readdir(dir.get())) {
         const char* name = raw->d_name;
         if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) {
+            continue;
+        }
+        if (mayHide && policy.hides(location.realPath, QByteArrayView(name))) {
             continue;
         }
         Entry entry;
@@ -207,11 +229,11 @@ Listing readFolder(const QString& path, const QList<SharedFolder>& folders) {
 
 } // namespace
 
-QJsonObject FolderLister::list(const QString& path, const QList<SharedFolder>& folders) {
+QJsonObject FolderLister::list(const QString& path, const AccessPolicy& policy) {
     if (trimSlashesAndBlanks(path).isEmpty()) {
-        return sharedFoldersObject(folders);
+        return sharedFoldersObject(policy.folders());
     }
-    const Listing listing = readFolder(path, folders);
+    const Listing listing = readFolder(path, policy);
     QJsonArray items;
     for (const Entry* entry : listing.sorted) {
         const bool isFolder = entry->isFolder();
@@ -227,11 +249,11 @@ QJsonObject FolderLister::list(const QString& path, const QList<SharedFolder>& f
                        {QStringLiteral("count"), items.size()}};
 }
 
-QByteArray FolderLister::listJson(const QString& path, const QList<SharedFolder>& folders) {
+QByteArray FolderLister::listJson(const QString& path, const AccessPolicy& policy) {
     if (trimSlashesAndBlanks(path).isEmpty()) {
-        return QJsonDocument(sharedFoldersObject(folders)).toJson(QJsonDocument::Compact);
+        return QJsonDocument(sharedFoldersObject(policy.folders())).toJson(QJsonDocument::Compact);
     }
-    const Listing listing = readFolder(path, folders);
+    const Listing listing = readFolder(path, policy);
     // Keys in QJsonObject's order; about 80 bytes an entry besides its name.
     qsizetype expected = 64 + listing.agentPath.size() * 3;
     for (const Entry* entry : listing.sorted) {

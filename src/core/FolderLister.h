@@ -1,6 +1,6 @@
 #pragma once
 
-#include "SharedFolder.h"
+#include "AccessPolicy.h"
 
 #include <QByteArray>
 #include <QJsonObject>
@@ -11,8 +11,8 @@
 class FolderLister {
 public:
     // Throws ToolError, or FileSystemError when the directory cannot be read.
-    static QJsonObject list(const QString& path, const QList<SharedFolder>& folders);
+    static QJsonObject list(const QString& path, const AccessPolicy& policy);
     // The same answer as the compact JSON text QJsonDocument writes for list(), written
     // directly: for a big folder, building the QJsonObject costs more than everything else.
-    static QByteArray listJson(const QString& path, const QList<SharedFolder>& folders);
+    static QByteArray listJson(const QString& path, const AccessPolicy& policy);
 };

@@ -6,6 +6,8 @@
 #include <QDir>
 #include <QStringList>
 
+#include <algorithm>
+
 namespace {
 
 bool isAscii(const QString& text) {
@@ -51,20 +53,32 @@ bool PathResolver::sameName(const QString& a, const QString& b) {
 
 QString PathResolver::standardize(const QString& path) {
     const QString absolute = path.startsWith(u'/') ? path : QDir::currentPath() + u'/' + path;
-    QStringList parts;
-    for (const QStringView part : QStringView(absolute).split(u'/', Qt::SkipEmptyParts)) {
-        if (part == u".") {
+    // Built in place: a list of components would cost tens of bytes for each of the millions
+    // of "a/" an agent may send.
+    QString result;
+    result.reserve(absolute.size() + 1);
+    const qsizetype size = absolute.size();
+    qsizetype position = 0;
+    while (position < size) {
+        while (position < size && absolute[position] == u'/') {
+            ++position;
+        }
+        const qsizetype start = position;
+        while (position < size && absolute[position] != u'/') {
+            ++position;
+        }
+        const QStringView part = QStringView(absolute).sliced(start, position - start);
+        if (part.isEmpty() || part == u".") {
             continue;
         }
         if (part == u"..") {
-            if (!parts.isEmpty()) {
-                parts.removeLast();
-            }
+            result.truncate(std::max<qsizetype>(result.lastIndexOf(u'/'), 0));
             continue;
         }
-        parts.append(part.toString());
+        result += u'/';
+        result += part;
     }
-    return u'/' + parts.join(u'/');
+    return result.isEmpty() ? QStringLiteral("/") : result;
 }
 
 std::optional<QByteArray> PathResolver::nativePath(const QString& path) {

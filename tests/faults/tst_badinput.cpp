@@ -388,15 +388,15 @@ private slots:
         QCOMPARE(::mkfifo(QFile::encodeName(pipe).constData(), 0644), 0);
         QVERIFY(QFile::link(QStringLiteral("/dev/zero"), tree.path(QStringLiteral("Docs/zero"))));
 
-        // Opening either would block, or never end; both are refused at once.
+        // Opening either would block, or never end; both are refused at once (the device, which
+        // lies outside the shared folder, is not even looked at).
         QCOMPARE(
             call(QStringLiteral("local_read_file"),
                  {{QStringLiteral("path"), QStringLiteral("Docs/pipe")}}),
             errorOnly(QStringLiteral("Could not read 'Docs/pipe': it is not a regular file.")));
-        QCOMPARE(
-            call(QStringLiteral("local_read_file"),
-                 {{QStringLiteral("path"), QStringLiteral("Docs/zero")}}),
-            errorOnly(QStringLiteral("Could not read 'Docs/zero': it is not a regular file.")));
+        QCOMPARE(call(QStringLiteral("local_read_file"),
+                      {{QStringLiteral("path"), QStringLiteral("Docs/zero")}}),
+                 errorOnly(QStringLiteral("Path leads outside the shared folders.")));
         // A write to the FIFO, with nobody reading it, fails rather than waits.
         const QJsonObject written = call(QStringLiteral("local_write_file"),
                                          {{QStringLiteral("path"), QStringLiteral("Docs/pipe")},

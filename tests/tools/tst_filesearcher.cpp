@@ -488,11 +488,12 @@ private slots:
     }
 
     void searcherThrowsOnlyForTheQuery() {
-        QVERIFY_THROWS_EXCEPTION(ToolError, FileSearcher::search(QJsonObject(), {}));
+        QVERIFY_THROWS_EXCEPTION(ToolError,
+                                 FileSearcher::search(QJsonObject(), AccessPolicy({}, {})));
         TempTree tree;
         tree.file(QStringLiteral("docs/a.txt"));
-        const QJsonObject direct =
-            FileSearcher::search({{QStringLiteral("query"), QStringLiteral("A")}}, docs(tree));
+        const QJsonObject direct = FileSearcher::search(
+            {{QStringLiteral("query"), QStringLiteral("A")}}, AccessPolicy(docs(tree), {}));
         QCOMPARE(direct, found(QStringLiteral("A"), {QStringLiteral("Docs/a.txt")}));
     }
 };

@@ -264,13 +264,13 @@ private slots:
              {QStringLiteral("Docs \"\u00e9\""), QStringLiteral("Docs \"\u00e9\"/folder \u00e9"),
               QStringLiteral("Other"), QStringLiteral("Docs \"\u00e9\"/folder \u00e9/inner\\\"dir"),
               QString(), QStringLiteral("/")}) {
-            const QJsonObject object = FolderLister::list(path, folders);
+            const QJsonObject object = FolderLister::list(path, AccessPolicy(folders, {}));
             QVERIFY(object.value(QStringLiteral("count")).toInteger() > 0 ||
                     path.contains(u"inner"));
-            QCOMPARE(FolderLister::listJson(path, folders),
+            QCOMPARE(FolderLister::listJson(path, AccessPolicy(folders, {})),
                      QJsonDocument(object).toJson(QJsonDocument::Compact));
         }
-        QCOMPARE(FolderLister::list(QStringLiteral("Docs \"\u00e9\""), folders)
+        QCOMPARE(FolderLister::list(QStringLiteral("Docs \"\u00e9\""), AccessPolicy(folders, {}))
                      .value(QStringLiteral("count"))
                      .toInteger(),
                  names.size() + 3);
@@ -515,9 +515,10 @@ private slots:
     void listerThrowsWhatTheServiceReports() {
         TempTree tree;
         tree.file(QStringLiteral("docs/a.txt"));
-        QVERIFY_THROWS_EXCEPTION(ToolError,
-                                 FolderLister::list(QStringLiteral("Docs/a.txt"), docs(tree)));
-        const QJsonObject direct = FolderLister::list(QStringLiteral("Docs"), docs(tree));
+        QVERIFY_THROWS_EXCEPTION(ToolError, FolderLister::list(QStringLiteral("Docs/a.txt"),
+                                                               AccessPolicy(docs(tree), {})));
+        const QJsonObject direct =
+            FolderLister::list(QStringLiteral("Docs"), AccessPolicy(docs(tree), {}));
         QCOMPARE(direct, listCall(QStringLiteral("Docs"), docs(tree)));
         QVERIFY(!direct.contains(QStringLiteral("error")));
     }
