@@ -6,7 +6,33 @@
 
 #include <cstdio>
 
+#include <poll.h>
+#include <termios.h>
 #include <unistd.h>
+
+namespace {
+
+// Whatever reached the terminal before the question was shown was not typed in answer to it: a
+// stray "y" typed ahead, or bytes another program pushed in. It is thrown away.
+void discardTypeAhead() {
+    ::tcflush(STDIN_FILENO, TCIFLUSH);
+    // Input already on its way in while flushing may land just after it. Only what poll() calls
+    // readable is read (a whole line, or an end of input), so this never waits; the bound keeps
+    // a terminal that is typed into without pause from holding up the question.
+    for (int round = 0; round < 64; ++round) {
+        pollfd input{STDIN_FILENO, POLLIN, 0};
+        if (::poll(&input, 1, 0) != 1 || (input.revents & POLLIN) == 0 ||
+            (input.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+            return;
+        }
+        char buffer[256];
+        if (::read(STDIN_FILENO, buffer, sizeof buffer) < 0) {
+            return;
+        }
+    }
+}
+
+} // namespace
 
 bool TerminalApprovalPrompt::terminalAvailable() {
     return ::isatty(STDIN_FILENO) == 1;
@@ -18,6 +44,8 @@ QCoro::Task<bool> TerminalApprovalPrompt::ask(QString path, qint64 bytes) {
     }
     const QByteArray question =
         messageText().toUtf8() + '\n' + informativeText(path, bytes).toUtf8() + "\nAllow? [y/N] ";
+    // Only what is typed once the question is on the screen answers it.
+    discardTypeAhead();
     std::fwrite(question.constData(), 1, static_cast<std::size_t>(question.size()), stderr);
     std::fflush(stderr);
 

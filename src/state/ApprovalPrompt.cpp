@@ -1,5 +1,7 @@
 #include "ApprovalPrompt.h"
 
+#include "VisibleText.h"
+
 namespace {
 
 std::shared_ptr<ApprovalPrompt>& current() {
@@ -14,8 +16,9 @@ QString ApprovalPrompt::messageText() {
 }
 
 QString ApprovalPrompt::informativeText(const QString& path, qint64 bytes) {
+    // The agent chose the path: nothing in it may redraw the terminal or reorder the alert.
     return QStringLiteral("An agent wants to write ") + QString::number(bytes) +
-           QStringLiteral(" bytes to:\n") + path;
+           QStringLiteral(" bytes to:\n") + VisibleText::escaped(path);
 }
 
 void ApprovalPrompt::install(std::shared_ptr<ApprovalPrompt> prompt) {

@@ -16,6 +16,8 @@ public:
     virtual QCoro::Task<bool> ask(QString path, qint64 bytes) = 0;
 
     static QString messageText();
+    // Control and bidirectional formatting characters in the path are shown, not obeyed (see
+    // VisibleText); a line feed still breaks the line.
     static QString informativeText(const QString& path, qint64 bytes);
 
     static void install(std::shared_ptr<ApprovalPrompt> prompt);

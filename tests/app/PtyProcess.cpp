@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utmp.h>
 
 namespace {
 
@@ -31,7 +32,7 @@ PtyProcess::~PtyProcess() {
 }
 
 bool PtyProcess::start(const QString& program, const QStringList& arguments,
-                       const QProcessEnvironment& environment) {
+                       const QProcessEnvironment& environment, const QByteArray& typeAhead) {
     // Everything the child needs is prepared before the fork: after it, only exec.
     std::vector<QByteArray> argv{program.toLocal8Bit()};
     for (const QString& argument : arguments) {
@@ -44,16 +45,27 @@ bool PtyProcess::start(const QString& program, const QStringList& arguments,
     std::vector<char*> argvPointers = pointersTo(argv);
     std::vector<char*> envpPointers = pointersTo(envp);
 
-    m_pid = ::forkpty(&m_master, nullptr, nullptr, nullptr);
-    if (m_pid < 0) {
+    int terminal = -1;
+    if (::openpty(&m_master, &terminal, nullptr, nullptr, nullptr) != 0) {
         return false;
     }
+    ::fcntl(m_master, F_SETFD, FD_CLOEXEC);
+    // The echo comes once the line discipline holds the bytes, partial line or not.
+    if (!typeAhead.isEmpty() && (!type(typeAhead) || !waitForOutput(typeAhead))) {
+        ::close(terminal);
+        return false;
+    }
+    m_pid = ::fork();
     if (m_pid == 0) {
+        if (::login_tty(terminal) != 0) {
+            ::_exit(127);
+        }
         ::execve(argvPointers[0], argvPointers.data(), envpPointers.data());
         ::_exit(127);
     }
-    ::fcntl(m_master, F_SETFD, FD_CLOEXEC);
-    return true;
+    // Only the child keeps the terminal open: its end is the end of the output.
+    ::close(terminal);
+    return m_pid > 0;
 }
 
 bool PtyProcess::readSome(int timeoutMs) {

@@ -17,8 +17,10 @@ public:
     PtyProcess(const PtyProcess&) = delete;
     PtyProcess& operator=(const PtyProcess&) = delete;
 
+    // `typeAhead` is typed before the child exists; the child starts only once the terminal
+    // has taken it in (its echo is back), so it is certainly waiting there for the child.
     bool start(const QString& program, const QStringList& arguments,
-               const QProcessEnvironment& environment);
+               const QProcessEnvironment& environment, const QByteArray& typeAhead = {});
 
     // Reads until the screen output (line ends as "\n") contains `text`.
     bool waitForOutput(const QByteArray& text, int timeoutMs = 20000);

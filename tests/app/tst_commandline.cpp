@@ -367,6 +367,96 @@ private slots:
         }
     }
 
+    void typeAheadDoesNotAnswer_data() {
+        QTest::addColumn<QByteArray>("typedBefore");
+        QTest::addColumn<QByteArray>("typedAfter");
+        QTest::addColumn<bool>("written");
+        QTest::newRow("y, then end of input") << QByteArray("y\n") << QByteArray("\x04") << false;
+        QTest::newRow("y, then n") << QByteArray("y\n") << QByteArray("n\n") << false;
+        QTest::newRow("y, then y") << QByteArray("y\n") << QByteArray("y\n") << true;
+        QTest::newRow("lines of yes, then end of input")
+            << QByteArray("yes\ny\nyes\n") << QByteArray("\x04") << false;
+        QTest::newRow("half a line, then its end") << QByteArray("y") << QByteArray("\n") << false;
+        QTest::newRow("half a line, then y") << QByteArray("n") << QByteArray("y\n") << true;
+    }
+    void typeAheadDoesNotAnswer() {
+        QFETCH(QByteArray, typedBefore);
+        QFETCH(QByteArray, typedAfter);
+        QFETCH(bool, written);
+        const QString docs = tree.path(QStringLiteral("Docs"));
+        const QString name =
+            QStringLiteral("ahead-%1.txt")
+                .arg(QString::fromLatin1(QTest::currentDataTag()).replace(u' ', u'-').remove(u','));
+        const QString target = docs + u'/' + name;
+        QFile::remove(target);
+
+        PtyProcess terminal;
+        // In the terminal before the companion even starts, let alone asks.
+        QVERIFY(terminal.start(
+            companionBin,
+            writeCall(name, {QStringLiteral("--folder"), QStringLiteral("Docs=") + docs}),
+            sandbox->environment(), typedBefore));
+        const QByteArray question =
+            "An agent wants to write 2 bytes to:\nDocs/" + name.toUtf8() + "\nAllow? [y/N] ";
+        QVERIFY2(terminal.waitForOutput(question), terminal.output().constData());
+        QVERIFY(terminal.output().startsWith(typedBefore));
+        QVERIFY(!QFile::exists(target));
+        QVERIFY(terminal.type(typedAfter));
+        const int exitCode = terminal.waitForExit();
+        const QByteArray shown = terminal.output();
+        if (written) {
+            QCOMPARE(exitCode, 0);
+            QCOMPARE(fileBytes(target), QByteArray("hi"));
+        } else {
+            QCOMPARE(exitCode, 1);
+            QVERIFY2(shown.endsWith(declined), shown.constData());
+            QVERIFY(!QFile::exists(target));
+        }
+    }
+
+    void aPathCannotDrawOnTheTerminal_data() {
+        QTest::addColumn<QByteArray>("answer");
+        QTest::addColumn<bool>("written");
+        QTest::newRow("refused") << QByteArray("n\n") << false;
+        QTest::newRow("allowed") << QByteArray("y\n") << true;
+    }
+    void aPathCannotDrawOnTheTerminal() {
+        QFETCH(QByteArray, answer);
+        QFETCH(bool, written);
+        const QString docs = tree.path(QStringLiteral("Docs"));
+        // Clears the screen, goes back to the start of the line and turns what follows around.
+        const QString tag = QString::fromLatin1(QTest::currentDataTag());
+        const QString name = QStringLiteral("\x1b[2J\x1b[H\rok-%1\u202etxt.exe").arg(tag);
+        const QString target = docs + u'/' + name;
+        QFile::remove(target);
+
+        PtyProcess terminal;
+        QVERIFY(terminal.start(
+            companionBin,
+            {QStringLiteral("call"), QStringLiteral("local_write_file"),
+             QString::fromUtf8(
+                 QJsonDocument(QJsonObject{{QStringLiteral("path"), QStringLiteral("Docs/") + name},
+                                           {QStringLiteral("content"), QStringLiteral("hi")}})
+                     .toJson(QJsonDocument::Compact)),
+             QStringLiteral("--folder"), QStringLiteral("Docs=") + docs},
+            sandbox->environment()));
+        const QByteArray question = "Allow agent to write a file?\n"
+                                    "An agent wants to write 2 bytes to:\n"
+                                    "Docs/\u241b[2J\u241b[H\u240dok-" +
+                                    tag.toUtf8() +
+                                    "\u27e8U+202E\u27e9txt.exe\n"
+                                    "Allow? [y/N] ";
+        QVERIFY2(terminal.waitForOutput(question), terminal.output().constData());
+        QVERIFY(terminal.type(answer));
+        QCOMPARE(terminal.waitForExit(), written ? 0 : 1);
+        const QByteArray shown = terminal.output();
+        // Not one raw escape or carriage return anywhere, and nothing shown before the question.
+        QVERIFY2(!shown.contains('\x1b'), shown.constData());
+        QVERIFY2(!shown.contains('\r'), shown.constData());
+        QVERIFY2(shown.startsWith(question), shown.constData());
+        QCOMPARE(QFile::exists(target), written);
+    }
+
     void yesSkipsTheQuestionOnATerminal() {
         const QString docs = tree.path(QStringLiteral("Docs"));
         PtyProcess terminal;

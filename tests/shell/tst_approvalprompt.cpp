@@ -197,6 +197,32 @@ private slots:
         QCOMPARE(box->textFormat(), Qt::PlainText);
     }
 
+    void controlAndDirectionCharactersAreShownNotObeyed() {
+        ask(QStringLiteral("Docs/\x1b[2J\rok\u202etxt.exe"), 4);
+        QMessageBox* box = waitForAlert();
+        const QString expected = QStringLiteral("An agent wants to write 4 bytes to:\n"
+                                                "Docs/\u241b[2J\u240dok\u27e8U+202E\u27e9txt.exe");
+        QCOMPARE(box->informativeText(), expected);
+        auto* label = box->findChild<QLabel*>(QStringLiteral("qt_msgbox_informativelabel"));
+        QVERIFY(label);
+        QCOMPARE(label->text(), expected);
+    }
+
+    void markupIsShownLiterally() {
+        const QString path = QStringLiteral("<b>x</b>");
+        // Where Qt guesses the format, this alone would be shown as a bold "x".
+        QVERIFY(Qt::mightBeRichText(path));
+        ask(path, 1);
+        QMessageBox* box = waitForAlert();
+        const QString expected = QStringLiteral("An agent wants to write 1 bytes to:\n<b>x</b>");
+        QCOMPARE(box->informativeText(), expected);
+        QCOMPARE(box->textFormat(), Qt::PlainText);
+        auto* label = box->findChild<QLabel*>(QStringLiteral("qt_msgbox_informativelabel"));
+        QVERIFY(label);
+        QCOMPARE(label->textFormat(), Qt::PlainText);
+        QCOMPARE(label->text(), expected);
+    }
+
     void eachRequestGetsItsOwnAlert() {
         const auto first = ask(QStringLiteral("one.txt"), 1);
         const auto second = ask(QStringLiteral("two.txt"), 2);
