@@ -1,14 +1,17 @@
 #include "CallCommand.h"
 
+#include "AccessPolicy.h"
+#include "AppIdentity.h"
 #include "AppSettings.h"
 #include "AppState.h"
+#include "Confinement.h"
 #include "FileService.h"
 #include "FolderArguments.h"
 #include "FolderStore.h"
 #include "JsonReader.h"
 #include "SharedFolder.h"
 #include "TerminalApprovalPrompt.h"
-#include "WriteApproval.h"
+#include "ToolSandbox.h"
 
 #include <QCoroTask>
 #include <QFileInfo>
@@ -92,17 +95,22 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
     }
 
     // A write is allowed by --yes, by the user's setting being off, or by an answer on the
-    // terminal; with no terminal to ask, it is refused.
-    WriteApproval::setHandler([assumeYes](QString path, qint64 bytes) -> QCoro::Task<bool> {
-        if (assumeYes || !AppSettings::boolean(AppState::approvalSettingKey()).value_or(true)) {
-            co_return true;
-        }
-        TerminalApprovalPrompt prompt;
-        co_return co_await prompt.ask(std::move(path), bytes);
-    });
-
+    // terminal; with no terminal to ask, it is refused. The setting is read now: once confined,
+    // this process cannot reach the companion's settings any more.
+    const bool ask =
+        !assumeYes && AppSettings::boolean(AppState::approvalSettingKey()).value_or(true);
+    const AccessPolicy policy(folders, AppIdentity::ownFiles());
+    // One call, one process: it confines itself as the companion's file-tool worker does.
+    ToolSandbox::enter(folders, Confinement::wanted());
     // The same text the bridge sends; a listing comes as ready JSON, which is never an error.
-    const ToolResult result = QCoro::waitFor(FileService::run(method, params, folders));
+    const ToolResult result =
+        FileService::execute(method, params, policy, [ask](const QString& path, qint64 bytes) {
+            if (!ask) {
+                return true;
+            }
+            TerminalApprovalPrompt prompt;
+            return QCoro::waitFor(prompt.ask(path, bytes));
+        });
     if (result.isJson()) {
         out << QString::fromUtf8(result.json()) << "\n" << Qt::flush;
         return 0;

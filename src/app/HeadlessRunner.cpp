@@ -67,7 +67,16 @@ int HeadlessRunner::run(QTextStream& out, QTextStream& err) {
     out << "Sharing " << state.folders().size()
         << (state.folders().size() == 1 ? " folder" : " folders") << " with " << state.apiBase()
         << "\n"
+        << state.fileAccessText() << "\n"
         << Qt::flush;
+    // The first worker tells what it really got; said again only when that differs.
+    QString lastAccess = state.fileAccessText();
+    QObject::connect(&state, &AppState::fileAccessChanged, [&] {
+        if (state.fileAccessText() != lastAccess) {
+            lastAccess = state.fileAccessText();
+            out << lastAccess << "\n" << Qt::flush;
+        }
+    });
     // The bridge reported its first status before onChange was set.
     state.onChange();
 

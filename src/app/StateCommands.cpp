@@ -58,6 +58,7 @@ int StateCommands::status(const QStringList& arguments, QTextStream& out, QTextS
     out << "Paired: " << (state.paired() ? "yes" : "no") << "\n";
     out << "API: " << state.apiBase() << "\n";
     out << "Ask before writing files: " << (state.requireWriteApproval() ? "on" : "off") << "\n";
+    out << state.fileAccessText() << "\n";
     out << "Shared folders: " << state.folders().size() << "\n";
     for (const SharedFolder& folder : state.folders()) {
         out << "  " << folder.name << "\t" << folder.path << "\n";

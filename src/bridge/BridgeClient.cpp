@@ -112,6 +112,7 @@ void BridgeClient::openSocket() {
     }
     auto* socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
     m_task = socket;
+    ++m_connectionCount;
     const QPointer<QWebSocket> guard(socket);
 
     QObject::connect(socket, &QWebSocket::textMessageReceived, this,
@@ -160,6 +161,10 @@ void BridgeClient::openSocket() {
     socket->open(request);
     startPing();
     report(false, connectingText);
+}
+
+quint64 BridgeClient::connectionId() const {
+    return m_task && m_task->state() == QAbstractSocket::ConnectedState ? m_connectionCount : 0;
 }
 
 void BridgeClient::closeTask(QWebSocket* socket) {

@@ -59,6 +59,10 @@ public:
     // Reconnections scheduled since the last `hello`.
     qint64 reconnectAttempt() const { return m_reconnectAttempt; }
 
+    // Names the socket now open (a new number for each socket), 0 when there is none. An answer
+    // the user gives after the socket that brought the question went away must not count.
+    quint64 connectionId() const;
+
     // The bridge URL for a base and a token, or none when the base does not parse.
     static std::optional<QUrl> wsURL(const QString& apiBase, const QString& token);
     // Seconds to wait before the n-th reconnection (n >= 1): 2, 4, 8, 16, 30, 30, ...
@@ -93,6 +97,7 @@ private:
     BridgeScheduler::TimerId m_reconnectTimer = 0;
     BridgeScheduler::TimerId m_handshakeTimer = 0;
     qint64 m_reconnectAttempt = 0;
+    quint64 m_connectionCount = 0;
     QString m_token;
     QString m_apiBase;
     bool m_stopped = false;

@@ -1,10 +1,13 @@
 #include "AppState.h"
 
+#include "AppIdentity.h"
 #include "AppSettings.h"
 #include "ApprovalPrompt.h"
 #include "BridgeClient.h"
 #include "ClaimDecodeError.h"
+#include "Confinement.h"
 #include "DeviceName.h"
+#include "FileWorker.h"
 #include "FolderStore.h"
 #include "Keychain.h"
 #include "PairError.h"
@@ -21,6 +24,10 @@ std::unique_ptr<AppState>& sharedInstance() {
 }
 
 bool bridgeEnabled = true;
+
+QCoro::Task<bool> refuse() {
+    co_return false;
+}
 
 QString describe(const std::exception& error) {
     if (const auto* pairError = dynamic_cast<const PairError*>(&error)) {
@@ -90,6 +97,21 @@ void AppState::initialise() {
     m_folders = FolderStore::activate(FolderStore::load());
 
     QPointer<AppState> self(this);
+    m_worker = std::make_unique<FileWorker>(
+        FileWorker::defaultProgram(), [self](QString path, qint64 bytes) -> QCoro::Task<bool> {
+            return self ? self->approveAgentWrite(std::move(path), bytes) : refuse();
+        });
+    m_worker->setFolders(m_folders);
+    m_worker->setOwnFiles(AppIdentity::ownFiles());
+    m_worker->setKernelConfinement(Confinement::wanted());
+    QObject::connect(m_worker.get(), &FileWorker::confinementChanged, this, [this] {
+        emit fileAccessChanged();
+        notify();
+    });
+    m_bridge->dispatcher = [worker = m_worker.get()](QString method, QJsonObject params,
+                                                     QList<SharedFolder>) {
+        return worker->run(std::move(method), std::move(params));
+    };
     m_bridge->foldersProvider = [self] { return self ? self->m_folders : QList<SharedFolder>{}; };
     m_bridge->onStatus = [self](bool online, const QString& text) {
         if (!self) {
@@ -230,6 +252,24 @@ QCoro::Task<bool> AppState::requestWriteApproval(QString path, qint64 bytes) {
     co_return co_await prompt->ask(std::move(path), bytes);
 }
 
+QCoro::Task<bool> AppState::approveAgentWrite(QString path, qint64 bytes) {
+    const QPointer<AppState> self(this);
+    const quint64 connection = m_bridge->connectionId();
+    const bool allowed = co_await requestWriteApproval(std::move(path), bytes);
+    // The service asked over a socket that has gone since: nobody waits for this write any
+    // more, and a late "Allow" must not make it happen.
+    co_return allowed&& self&& connection != 0 && m_bridge->connectionId() == connection;
+}
+
+QString AppState::fileAccessText() const {
+    if (m_worker && !m_worker->programFound()) {
+        return QStringLiteral("File access: unavailable (the companion's file tools are missing: "
+                              "%1)")
+            .arg(m_worker->program());
+    }
+    return m_worker ? m_worker->confinement().text() : Confinement::expected().text();
+}
+
 void AppState::setRequireWriteApproval(bool value) {
     if (m_requireWriteApproval != value) {
         m_requireWriteApproval = value;
@@ -260,6 +300,9 @@ void AppState::setStatusText(const QString& value) {
 
 void AppState::setFolders(const QList<SharedFolder>& value) {
     m_folders = value;
+    if (m_worker) {
+        m_worker->setFolders(value);
+    }
     emit foldersChanged();
 }
 

@@ -12,6 +12,7 @@
 #include <optional>
 
 class BridgeClient;
+class FileWorker;
 
 // The one observable model of the running companion: pairing, the bridge's status, the shared
 // folders and the write-approval setting. Every change is announced twice: through the property
@@ -27,6 +28,7 @@ class AppState : public QObject {
     Q_PROPERTY(bool requireWriteApproval READ requireWriteApproval WRITE setRequireWriteApproval
                    NOTIFY requireWriteApprovalChanged)
     Q_PROPERTY(QString apiBase READ apiBase CONSTANT)
+    Q_PROPERTY(QString fileAccessText READ fileAccessText NOTIFY fileAccessChanged)
 
 public:
     ~AppState() override;
@@ -55,6 +57,8 @@ public:
     // Announces the change only; whoever flips the setting also stores it.
     void setRequireWriteApproval(bool value);
     QString apiBase() const { return m_apiBase; }
+    // How the file tools are kept inside the shared folders, in one line for the user.
+    QString fileAccessText() const;
 
     // Told after every change made here. Set by the tray menu.
     std::function<void()> onChange;
@@ -79,6 +83,8 @@ public:
     QCoro::Task<bool> requestWriteApproval(QString path, qint64 bytes);
 
     BridgeClient& bridge() { return *m_bridge; }
+    // Runs the agents' tool calls in a confined process of their own.
+    FileWorker& fileWorker() { return *m_worker; }
 
 signals:
     void onlineChanged();
@@ -88,6 +94,7 @@ signals:
     void pairingChanged();
     void pairErrorChanged();
     void requireWriteApprovalChanged();
+    void fileAccessChanged();
 
 private:
     AppState();
@@ -99,6 +106,7 @@ private:
     void setFolders(const QList<SharedFolder>& value);
     void setPairing(bool value);
     void setPairError(const std::optional<QString>& value);
+    QCoro::Task<bool> approveAgentWrite(QString path, qint64 bytes);
 
     bool m_online = false;
     bool m_paired = false;
@@ -109,4 +117,5 @@ private:
     bool m_requireWriteApproval = true;
     QString m_apiBase;
     std::unique_ptr<BridgeClient> m_bridge;
+    std::unique_ptr<FileWorker> m_worker;
 };

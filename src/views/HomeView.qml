@@ -295,6 +295,16 @@ Item {
                     }
                 }
             }
+            // Which protection keeps agents inside the shared folders on this computer.
+            Text {
+                objectName: "fileAccessLine"
+                width: parent.width
+                text: AppState.fileAccessText
+                color: Theme.secondary
+                font.pixelSize: 11
+                wrapMode: Text.WordWrap
+                Accessible.name: text
+            }
         }
     }
 

@@ -208,6 +208,7 @@ private slots:
         QCOMPARE(QString::fromUtf8(r.out), QStringLiteral("Paired: no\n"
                                                           "API: http://127.0.0.1:9\n"
                                                           "Ask before writing files: on\n"
+                                                          "File access: confined by the kernel\n"
                                                           "Shared folders: 0\n"));
 
         const QString docs = tree.path(QStringLiteral("Docs"));
@@ -234,6 +235,7 @@ private slots:
         QCOMPARE(QString::fromUtf8(r.out), QStringLiteral("Paired: yes\n"
                                                           "API: http://127.0.0.1:9\n"
                                                           "Ask before writing files: off\n"
+                                                          "File access: confined by the kernel\n"
                                                           "Shared folders: 1\n"
                                                           "  Docs\t%1\n")
                                                .arg(docs));
@@ -261,7 +263,7 @@ private slots:
         const CommandRun r = companion({QStringLiteral("status")});
         QCOMPARE(r.exitCode, 0);
         const QList<QByteArray> lines = r.out.split('\n');
-        QCOMPARE(lines.size(), 5);
+        QCOMPARE(lines.size(), 6);
         QVERIFY2(lines[1].startsWith("API: https://") && !lines[1].endsWith('/'),
                  lines[1].constData());
     }

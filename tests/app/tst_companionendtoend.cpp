@@ -242,7 +242,8 @@ private slots:
         const QStringList lines = headless->lines();
         QCOMPARE(lines.first(),
                  QStringLiteral("Sharing 2 folders with %1").arg(service->baseUrl()));
-        QCOMPARE(lines.mid(1), (QStringList{QStringLiteral("Connecting\u2026"), connected}));
+        QCOMPARE(lines.mid(1), (QStringList{QStringLiteral("File access: confined by the kernel"),
+                                            QStringLiteral("Connecting\u2026"), connected}));
         QTRY_COMPARE(devices().at(0).toObject().value(QStringLiteral("online")), QJsonValue(true));
     }
 
@@ -339,6 +340,7 @@ private slots:
                  QStringLiteral("Paired: no\n"
                                 "API: %1\n"
                                 "Ask before writing files: off\n"
+                                "File access: confined by the kernel\n"
                                 "Shared folders: 2\n"
                                 "  Docs\t%2\n"
                                 "  Pics\t%3\n")

@@ -112,10 +112,11 @@ private slots:
         companion->start(companionBin, {QStringLiteral("--headless")}, sandbox.environment());
         QVERIFY2(companion->waitFor(online) >= 0, qPrintable(companion->describe()));
         const QStringList lines = companion->lines();
-        QCOMPARE(lines.size(), 4);
+        QCOMPARE(lines.size(), 5);
         QVERIFY(lines[0].contains(QStringLiteral("will be refused")));
         QCOMPARE(lines[1], QStringLiteral("Sharing 2 folders with %1").arg(service->baseUrl()));
-        QCOMPARE(lines[2], QStringLiteral("Connecting\u2026"));
+        QCOMPARE(lines[2], QStringLiteral("File access: confined by the kernel"));
+        QCOMPARE(lines[3], QStringLiteral("Connecting\u2026"));
     }
 
     void cleanupTestCase() {

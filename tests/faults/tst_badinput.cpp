@@ -623,13 +623,14 @@ private slots:
     }
 
     void fileSizeLimit() {
-        // The running companion's own limit on the size of files it writes (as `ulimit -f`
-        // sets it), lowered to 1 MiB from here.
+        // The limit on the size of files that the companion's file-tool worker writes (as
+        // `ulimit -f` sets it), lowered to 1 MiB from here. A call first, so that it runs.
+        call(QStringLiteral("local_list_files"), {});
         ProcessCensus census;
         census.look();
         qint64 pid = 0;
         for (const ProcessCensus::Sighting& sighting : census.sightings()) {
-            if (sighting.commandLine.endsWith(QByteArray("--headless\0", 11)) &&
+            if (sighting.commandLine.contains("quillmar-file-worker") &&
                 QFileInfo::exists(QStringLiteral("/proc/%1").arg(sighting.pid))) {
                 pid = sighting.pid;
             }

@@ -541,7 +541,7 @@ private slots:
         greetedLine = companion->lines().indexOf(connected);
         QCOMPARE(companion->lines().mid(0, greetedLine),
                  (QStringList{QStringLiteral("Sharing 2 folders with %1").arg(apiBase(tapPort)),
-                              connecting}));
+                              QStringLiteral("File access: confined by the kernel"), connecting}));
     }
 
     void cleanupTestCase() {

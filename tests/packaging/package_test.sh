@@ -46,6 +46,7 @@ require_tool() { # command debian-package
 expected_files() {
     {
         echo "bin/$package"
+        echo "libexec/$package/quillmar-file-worker"
         echo "share/applications/$app_id.desktop"
         echo "share/doc/$package/changelog.gz"
         echo "share/doc/$package/copyright"
@@ -171,6 +172,9 @@ check_command_line() { # executable home
     [[ "$out" == Usage:* ]] || fail "--help does not start with Usage: '$out'"
     out=$(run_isolated "$2" "$1" status 2>&1) || fail "status exited with $?: $out"
     grep -qx "Paired: no" <<<"$out" || fail "status of a new home: '$out'"
+    # The file tools are found where they were installed.
+    grep -q "^File access: " <<<"$out" || fail "status says nothing of file access: '$out'"
+    if grep -q "missing" <<<"$out"; then fail "the installed companion misses its file tools: '$out'"; fi
 }
 
 check_package_fields() { # deb
@@ -228,10 +232,11 @@ check_contents() {
     dpkg-deb -x "$deb" "$unpacked"
     check_equal "files in the package" "$(expected_files)" "$(files_under "$unpacked/usr")"
     check_equal "everything in the package is under /usr" "usr" "$(ls -A "$unpacked")"
-    # The same files as `cmake --install`, but for the executable, which cpack strips.
+    # The same files as `cmake --install`, but for the executables, which cpack strips.
     local f
     while read -r f; do
-        if [ "$f" != "bin/$package" ] && ! cmp -s "$stage_prefix/$f" "$unpacked/usr/$f"; then
+        if [ "$f" != "bin/$package" ] && [ "$f" != "libexec/$package/quillmar-file-worker" ] &&
+            ! cmp -s "$stage_prefix/$f" "$unpacked/usr/$f"; then
             fail "$f in the package differs from the installed one"
         fi
     done < <(expected_files)
