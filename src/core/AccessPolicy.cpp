@@ -364,8 +364,12 @@ void AccessPolicy::check(FileLocation& location, Purpose purpose, bool followedL
     if (location.error != 0 && location.error != ENOENT) {
         // The walk stopped part way. The lexical check already keeps a path without links in
         // its folder; one that went through a link must not have left the folders to get there.
+        // Nor may how far it got tell anything about the companion's own files.
         if (followedLinks && rootOf(location.realPath) < 0) {
             throw ToolError(outsideMessage());
+        }
+        if (isOwn(location.realPath)) {
+            throw ToolError(ownFilesMessage());
         }
         return;
     }

@@ -113,7 +113,12 @@ QJsonObject FileWriter::commit(PendingWrite& write, const AccessPolicy& policy) 
                                                : QStringLiteral("write"),
                               path);
     }
-    policy.confirm(target.directory.get());
+    // Something is created in the directory only when the target does not exist yet; an
+    // existing target is checked itself once it is open (a shared folder's own parent is not
+    // shared).
+    if (!target.exists()) {
+        policy.confirm(target.directory.get());
+    }
 
     // Missing folders are made one level at a time below the checked directory, each opened
     // without following links before the next is made in it.
