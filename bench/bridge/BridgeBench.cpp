@@ -1,14 +1,21 @@
 // The bridge benchmark's driver. Talks to quillmar-devservice's agent API over one HTTP
 // keep-alive connection (blocking: nothing else runs in this process), and times the same tool
-// calls in process through FileService for comparison.
+// calls in process through FileService (with the access policy made once, as the file-tool
+// worker makes it) for comparison.
 //
 //   bridge-bench mktree DIR DIRS FILES        files DIR/dNNNN/fNNN.txt (kept if complete)
 //   bridge-bench small PORT DEVICE FOLDER N   N list calls of FOLDER (agent path "Small")
 //   bridge-bench search PORT DEVICE FOLDER QUERY REPEAT COMPANION
 //                                             REPEAT searches through the bridge and through
 //                                             `COMPANION call` (agent path "Big")
+//   bridge-bench worker WORKER FOLDER N       N list calls through a FileWorker running the
+//                                             worker program WORKER, and in process; the
+//                                             worker's start-up time and memory
 
+#include "AccessPolicy.h"
+#include "AppIdentity.h"
 #include "FileService.h"
+#include "FileWorker.h"
 #include "SharedFolder.h"
 
 #include <QCoreApplication>
@@ -123,20 +130,24 @@ private:
     QByteArray m_buffer;
 };
 
-QCoro::Task<std::vector<double>> inProcessCalls(QString method, QJsonObject params,
-                                                QList<SharedFolder> folders, int count) {
+// The same calls in this process, with the work the worker does for each: the access policy is
+// made once, as the worker makes it once for its folders.
+std::vector<double> inProcessCalls(const QString& method, const QJsonObject& params,
+                                   const QList<SharedFolder>& folders, int count) {
+    const AccessPolicy policy(folders, AppIdentity::ownFiles());
     std::vector<double> latencies;
     latencies.reserve(std::size_t(count));
     for (int i = 0; i < count; ++i) {
         const auto start = Clock::now();
-        const QJsonObject result = co_await FileService::handle(method, params, folders);
+        const ToolResult result = FileService::execute(method, params, policy, {});
         latencies.push_back(micros(Clock::now() - start));
-        if (result.contains(QStringLiteral("error"))) {
-            out << "in-process call failed: " << QJsonDocument(result).toJson() << Qt::endl;
-            co_return {};
+        if (!result.isJson() && result.toObject().contains(QStringLiteral("error"))) {
+            out << "in-process call failed: " << QJsonDocument(result.toObject()).toJson()
+                << Qt::endl;
+            return {};
         }
     }
-    co_return latencies;
+    return latencies;
 }
 
 void report(const char* label, const std::vector<double>& latencies, double seconds) {
@@ -212,10 +223,10 @@ int smallCalls(const QStringList& args) {
 
     const QList<SharedFolder> folders{
         SharedFolder{QUuid::createUuid(), QStringLiteral("Small"), folder, std::nullopt}};
-    QCoro::waitFor(inProcessCalls(QStringLiteral("local_list_files"), params, folders, 500));
+    inProcessCalls(QStringLiteral("local_list_files"), params, folders, 500);
     timer.restart();
     const std::vector<double> local =
-        QCoro::waitFor(inProcessCalls(QStringLiteral("local_list_files"), params, folders, count));
+        inProcessCalls(QStringLiteral("local_list_files"), params, folders, count);
     const double localSeconds = double(timer.nsecsElapsed()) / 1e9;
     if (local.empty()) {
         return 1;
@@ -276,10 +287,8 @@ int searches(const QStringList& args) {
         const double c = micros(Clock::now() - start);
         commandAnswer = process.readAllStandardOutput().trimmed();
 
-        start = Clock::now();
-        const QJsonObject result = QCoro::waitFor(
-            FileService::handle(QStringLiteral("local_search_files"), params, folders));
-        const double l = micros(Clock::now() - start);
+        const double l =
+            inProcessCalls(QStringLiteral("local_search_files"), params, folders, 1).at(0);
         if (i > 0) { // the first round warms the caches
             bridge.push_back(b);
             command.push_back(c);
@@ -308,6 +317,79 @@ int searches(const QStringList& args) {
     return 0;
 }
 
+qint64 statusKib(qint64 pid, const char* file, const QByteArray& key) {
+    QFile status(QStringLiteral("/proc/%1/%2").arg(pid).arg(QLatin1String(file)));
+    if (!status.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith(key + ':')) {
+            return line.mid(key.size() + 1).trimmed().split(' ').value(0).toLongLong();
+        }
+    }
+    return -1;
+}
+
+// The worker process on its own: the same small call through FileWorker and in this process,
+// how long a new worker takes to give its first answer, and what it costs in memory.
+int workerCalls(const QStringList& args) {
+    const QString program = args.value(0);
+    const QString folder = args.value(1);
+    const int count = args.value(2).toInt();
+    const QList<SharedFolder> folders{
+        SharedFolder{QUuid::createUuid(), QStringLiteral("Small"), folder, std::nullopt}};
+    const QJsonObject params{{QStringLiteral("path"), QStringLiteral("Small")}};
+    const QString method = QStringLiteral("local_list_files");
+
+    std::vector<double> starts;
+    for (int i = 0; i < 11; ++i) {
+        FileWorker fresh(program, {});
+        fresh.setFolders(folders);
+        fresh.setOwnFiles(AppIdentity::ownFiles());
+        const auto start = Clock::now();
+        const ToolResult first = QCoro::waitFor(fresh.run(method, params));
+        starts.push_back(micros(Clock::now() - start));
+        if (!first.isJson()) {
+            out << "worker call failed: " << QJsonDocument(first.toObject()).toJson() << Qt::endl;
+            return 1;
+        }
+    }
+
+    FileWorker worker(program, {});
+    worker.setFolders(folders);
+    worker.setOwnFiles(AppIdentity::ownFiles());
+    std::vector<double> through;
+    through.reserve(std::size_t(count));
+    for (int i = 0; i < count + 500; ++i) {
+        const auto start = Clock::now();
+        const ToolResult result = QCoro::waitFor(worker.run(method, params));
+        if (i >= 500) {
+            through.push_back(micros(Clock::now() - start));
+        }
+        if (!result.isJson()) {
+            out << "worker call failed: " << QJsonDocument(result.toObject()).toJson() << Qt::endl;
+            return 1;
+        }
+    }
+    inProcessCalls(method, params, folders, 500);
+    const std::vector<double> local = inProcessCalls(method, params, folders, count);
+    const qint64 pid = worker.processId();
+    const double hop = (percentile(through, 50) - percentile(local, 50)) / 1000.0;
+    out << "through the worker: p50 " << QString::number(percentile(through, 50) / 1000.0, 'f', 3)
+        << " ms; in process: p50 " << QString::number(percentile(local, 50) / 1000.0, 'f', 3)
+        << " ms" << Qt::endl;
+    out << "worker hop at p50: " << QString::number(hop, 'f', 3) << " ms per call" << Qt::endl;
+    out << "worker start to first answer: "
+        << QString::number(percentile(starts, 50) / 1000.0, 'f', 1) << " ms median of "
+        << starts.size() << Qt::endl;
+    out << "worker memory: "
+        << QString::number(double(statusKib(pid, "status", "VmRSS")) / 1024, 'f', 1)
+        << " MiB resident, "
+        << QString::number(double(statusKib(pid, "smaps_rollup", "Pss")) / 1024, 'f', 1)
+        << " MiB proportional (" << worker.confinement().text() << ")" << Qt::endl;
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char* argv[]) {
@@ -322,6 +404,9 @@ int main(int argc, char* argv[]) {
     }
     if (mode == u"search") {
         return searches(args.mid(1));
+    }
+    if (mode == u"worker") {
+        return workerCalls(args.mid(1));
     }
     QTextStream(stderr) << "usage: see the top of BridgeBench.cpp\n";
     return 2;

@@ -79,6 +79,9 @@ echo "== local_search_files over $((dirs * files)) files ($dirs dirs x $files), 
     | tee "$work/search.out"
 stop_companion
 
+echo "== the worker alone: $calls local_list_files through FileWorker and in process"
+"$bench" worker "$build/src/app/quillmar-file-worker" "$work/Small" "$calls" | tee "$work/worker.out"
+
 # The same small calls with the companion on Qt's own event loop instead of GLib's (see README).
 start_companion QT_NO_GLIB=1
 echo "== the small calls again, companion with QT_NO_GLIB=1"
@@ -107,4 +110,8 @@ if [ -n "$summary" ]; then
         "<= 1.2" judged ""
     summarize "bridge: overhead per small call, QT_NO_GLIB=1" "$work/small-noglib.out" \
         '^bridge overhead at p50:' "-" info " ms"
+    summarize "worker: hop per small call, p50" "$work/worker.out" '^worker hop at p50:' "-" info " ms"
+    summarize "worker: start to first answer" "$work/worker.out" '^worker start to first answer:' \
+        "-" info " ms"
+    summarize "worker: memory while running" "$work/worker.out" '^worker memory:' "-" info " MiB"
 fi
