@@ -65,7 +65,11 @@ QString helpText() {
                "\n"
                "Environment:\n"
                "  QUILLMAR_API          the service's address (default ") +
-           AppState::defaultApiBase() + QStringLiteral(")\n");
+           AppState::defaultApiBase() +
+           QStringLiteral(")\n"
+                          "  QUILLMAR_KERNEL_CONFINEMENT=off\n"
+                          "                        run the file tools without the kernel's "
+                          "confinement\n");
 }
 
 } // namespace
