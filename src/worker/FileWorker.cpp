@@ -110,6 +110,10 @@ FileWorker::~FileWorker() {
 }
 
 QString FileWorker::defaultProgram() {
+    // For development tools and tests that run from elsewhere in the build tree.
+    if (const QString chosen = qEnvironmentVariable("QUILLMAR_FILE_WORKER"); !chosen.isEmpty()) {
+        return chosen;
+    }
     const QString here = QCoreApplication::applicationDirPath();
     const QString installed =
         QDir::cleanPath(here + QStringLiteral("/" QUILLMAR_WORKER_RELATIVE_PATH));

@@ -46,7 +46,8 @@ public:
     FileWorker(QString program, Approver approver, QObject* parent = nullptr);
     ~FileWorker() override;
 
-    // quillmar-file-worker next to this executable, or in its installed place.
+    // quillmar-file-worker in its installed place or next to this executable;
+    // QUILLMAR_FILE_WORKER names another (development tools and tests).
     static QString defaultProgram();
     const QString& program() const { return m_program; }
     bool programFound() const;

@@ -149,6 +149,8 @@ int main(int argc, char* argv[]) {
 
     ClaimStub service;
     qputenv("QUILLMAR_API", service.base().toUtf8());
+    // The file tools as built next to the companion, so the window shows their real protection.
+    qputenv("QUILLMAR_FILE_WORKER", QUILLMAR_FILE_WORKER_BUILT);
     Keychain::setBackend(Keychain::Backend::TokenFile);
     // The bridge stays idle; the tour reports its status itself.
     AppState::setBridgeEnabled(false);
