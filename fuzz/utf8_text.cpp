@@ -2,9 +2,10 @@
 //  - Utf8Decoder fed in fuzzed chunks gives the same text as decoding in one go, and that text
 //    is what ICU's own converter makes of the bytes (one U+FFFD per maximal subpart).
 //  - FileReader::readText over a socket that delivers the same chunks, with a fuzzed limit,
-//    gives what decoding the whole input and cutting it after `limit` extended grapheme
-//    clusters (ICU's character breaks over the whole text) gives, and says truncated exactly
-//    when more clusters follow.
+//    gives what decoding the whole input and cutting it after `limit` characters gives, and says
+//    truncated exactly when more characters follow. The characters are ICU's extended grapheme
+//    clusters of the whole text, each cut into pieces of at most
+//    FileReader::characterCodePointLimit code points.
 //
 // Input: byte 0 is the limit (0-255); byte 1 % 8 is the number of chunk-size bytes that follow
 // (each 0-255, used in turn; 0 is an empty feed, skipped on the socket); the rest is the data.
@@ -40,8 +41,9 @@ QString icuDecode(const QByteArray& bytes) {
     return QString(reinterpret_cast<const QChar*>(out.data()), length);
 }
 
-// Offsets of every extended grapheme cluster boundary after the start, ICU's rules.
-std::vector<qsizetype> clusterEnds(const QString& text) {
+// Offsets of every character boundary after the start: ICU's extended grapheme cluster
+// boundaries, and inside a longer cluster one after every characterCodePointLimit code points.
+std::vector<qsizetype> characterEnds(const QString& text) {
     std::vector<qsizetype> ends;
     if (text.isEmpty()) {
         return ends;
@@ -51,8 +53,21 @@ std::vector<qsizetype> clusterEnds(const QString& text) {
         ubrk_open(UBRK_CHARACTER, "", reinterpret_cast<const UChar*>(text.utf16()),
                   static_cast<int32_t>(text.size()), &status);
     FUZZ_CHECK(U_SUCCESS(status));
-    for (int32_t at = ubrk_next(breaks); at != UBRK_DONE; at = ubrk_next(breaks)) {
-        ends.push_back(at);
+    qsizetype start = 0;
+    for (int32_t end = ubrk_next(breaks); end != UBRK_DONE; end = ubrk_next(breaks)) {
+        qsizetype codePoints = 0;
+        for (qsizetype at = start; at < end; ++at) {
+            if (text.at(at).isLowSurrogate()) {
+                continue;
+            }
+            if (codePoints == FileReader::characterCodePointLimit) {
+                ends.push_back(at);
+                codePoints = 0;
+            }
+            ++codePoints;
+        }
+        ends.push_back(end);
+        start = end;
     }
     ubrk_close(breaks);
     return ends;
@@ -122,10 +137,10 @@ void checkReader(const QByteArray& bytes, Chunks chunks, qsizetype limit, const 
     ::close(ends[0]);
     FUZZ_CHECK(error == 0, detail());
 
-    const std::vector<qsizetype> clusters = clusterEnds(whole);
-    const bool truncated = static_cast<qsizetype>(clusters.size()) > limit;
+    const std::vector<qsizetype> characters = characterEnds(whole);
+    const bool truncated = static_cast<qsizetype>(characters.size()) > limit;
     const QString content =
-        truncated ? whole.left(limit == 0 ? 0 : clusters[static_cast<std::size_t>(limit - 1)])
+        truncated ? whole.left(limit == 0 ? 0 : characters[static_cast<std::size_t>(limit - 1)])
                   : whole;
     const auto result = [&] {
         return QStringLiteral("\nlimit ") + QString::number(limit) + QStringLiteral("\nexpected ") +

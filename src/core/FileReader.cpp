@@ -131,6 +131,116 @@ private:
     std::array<uint64_t, 0x10000 / 64> m_bits{};
 };
 
+// What ICU's character rules decide from the code points themselves, whatever precedes them.
+// Lets a cluster that goes on and on grow without running ICU over it again at every read.
+namespace JoinRules {
+
+struct Maps {
+    const UCPMap* breaks = nullptr;
+    const UCPMap* indic = nullptr;
+};
+
+const Maps& maps() {
+    static const Maps loaded = [] {
+        UErrorCode status = U_ZERO_ERROR;
+        const UCPMap* breaks = u_getIntPropertyMap(UCHAR_GRAPHEME_CLUSTER_BREAK, &status);
+        const UCPMap* indic = u_getIntPropertyMap(UCHAR_INDIC_SYLLABIC_CATEGORY, &status);
+        return U_SUCCESS(status) ? Maps{breaks, indic} : Maps{}; // without them ICU decides all
+    }();
+    return loaded;
+}
+
+bool isControl(uint32_t breakClass) {
+    return breakClass == U_GCB_CONTROL || breakClass == U_GCB_CR || breakClass == U_GCB_LF;
+}
+
+// Pairs that the rules join on their own (CR LF, Hangul syllables, marks and joiners after
+// anything but a control, anything but a control after a prepended mark): no other rule
+// breaks them, so they join whatever came before.
+bool alwaysJoined(char32_t before, char32_t after) {
+    const UCPMap* breaks = maps().breaks;
+    if (!breaks) {
+        return false;
+    }
+    const uint32_t left = ucpmap_get(breaks, static_cast<UChar32>(before));
+    const uint32_t right = ucpmap_get(breaks, static_cast<UChar32>(after));
+    if (left == U_GCB_CR) {
+        return right == U_GCB_LF;
+    }
+    if (isControl(left) || isControl(right)) {
+        return false;
+    }
+    if (right == U_GCB_EXTEND || right == U_GCB_ZWJ || right == U_GCB_SPACING_MARK ||
+        left == U_GCB_PREPEND) {
+        return true;
+    }
+    switch (left) {
+    case U_GCB_L:
+        return right == U_GCB_L || right == U_GCB_V || right == U_GCB_LV || right == U_GCB_LVT;
+    case U_GCB_LV:
+    case U_GCB_V:
+        return right == U_GCB_V || right == U_GCB_T;
+    case U_GCB_LVT:
+    case U_GCB_T:
+        return right == U_GCB_T;
+    default:
+        return false;
+    }
+}
+
+// Whether ICU started at this code point gives the boundaries the whole text has after it. The
+// rules that look further back than one code point (emoji joined by a joiner, Indic consonants
+// joined by a virama, pairs of regional indicators) only look back across marks, joiners,
+// viramas, regional indicators and prepended marks; anything else ends what they can see.
+bool isRestartPoint(char32_t c) {
+    const Maps& loaded = maps();
+    if (!loaded.breaks) {
+        return false;
+    }
+    const uint32_t breakClass = ucpmap_get(loaded.breaks, static_cast<UChar32>(c));
+    return breakClass != U_GCB_EXTEND && breakClass != U_GCB_ZWJ &&
+           breakClass != U_GCB_REGIONAL_INDICATOR && breakClass != U_GCB_PREPEND &&
+           ucpmap_get(loaded.indic, static_cast<UChar32>(c)) != U_INSC_VIRAMA;
+}
+
+} // namespace JoinRules
+
+// Code points of the decoded text, which is well-formed UTF-16: the decoder never leaves half
+// of a surrogate pair.
+qsizetype nextCodePoint(const char16_t* chars, qsizetype at, qsizetype size) {
+    return at + (QChar::isHighSurrogate(chars[at]) && at + 1 < size &&
+                         QChar::isLowSurrogate(chars[at + 1])
+                     ? 2
+                     : 1);
+}
+
+qsizetype previousCodePoint(const char16_t* chars, qsizetype at) {
+    return at -
+           (at >= 2 && QChar::isLowSurrogate(chars[at - 1]) && QChar::isHighSurrogate(chars[at - 2])
+                ? 2
+                : 1);
+}
+
+char32_t codePointAt(const char16_t* chars, qsizetype at, qsizetype size) {
+    if (QChar::isHighSurrogate(chars[at]) && at + 1 < size &&
+        QChar::isLowSurrogate(chars[at + 1])) {
+        return QChar::surrogateToUcs4(chars[at], chars[at + 1]);
+    }
+    return chars[at];
+}
+
+// The last restart point in [from, before), or `from` (itself one) when there is none.
+qsizetype lastRestartPoint(const char16_t* chars, qsizetype from, qsizetype before) {
+    qsizetype at = before;
+    while (at > from) {
+        at = previousCodePoint(chars, at);
+        if (JoinRules::isRestartPoint(codePointAt(chars, at, before))) {
+            return at;
+        }
+    }
+    return from;
+}
+
 } // namespace
 
 int FileReader::readText(int fd, qsizetype limit, Text& result) {
@@ -144,11 +254,29 @@ int FileReader::readText(int fd, qsizetype limit, Text& result) {
     const std::unique_ptr<char[]> buffer(new char[chunkSize]);
     Utf8Decoder decoder;
     QString text;
-    // Cluster boundaries before the last decoded character are final: the rules only look at
-    // the characters on both sides and before. `confirmed` is the last such boundary.
+    // `clusters` characters end at or before `confirmed`; they are counted and final. Cluster
+    // boundaries before the last decoded code point are final: the rules only look at the code
+    // points on both sides and before.
     qsizetype confirmed = 0;
     qsizetype clusters = 0;
+    // The character that starts at `confirmed` goes on at least to `decided`, `length` code
+    // points; whether it ends there is still open.
+    qsizetype decided = 0;
+    qsizetype length = 0;
+    // ICU started here gives the boundaries the whole text has after it: a cluster boundary, or
+    // a restart point inside a cluster. Never after `decided`.
+    qsizetype restart = 0;
     bool endOfFile = false;
+
+    const auto finish = [&](bool truncated) {
+        if (truncated) {
+            text.truncate(confirmed);
+        }
+        text.squeeze(); // in place, where a copy would briefly hold the text twice
+        result.content = std::move(text);
+        result.truncated = truncated;
+        return 0;
+    };
 
     while (true) {
         const ssize_t got = ::read(fd, buffer.get(), chunkSize);
@@ -173,54 +301,101 @@ int FileReader::readText(int fd, qsizetype limit, Text& result) {
 
         const char16_t* chars = reinterpret_cast<const char16_t*>(text.constData());
         const qsizetype size = text.size();
-        bool waitForMore = false;
-        while (confirmed < size && !waitForMore) {
-            if (clusters >= limit) {
-                // All wanted characters are final and another one begins here.
-                result.content = text.left(confirmed);
-                result.truncated = true;
-                return 0;
+        while (true) {
+            if (clusters >= limit && confirmed < size) {
+                return finish(true); // all wanted characters are final and another one begins
             }
-            if (confirmed + 1 < size &&
-                plain.boundaryBetween(chars[confirmed], chars[confirmed + 1])) {
-                ++clusters;
-                ++confirmed;
-                continue;
+            // A character that began in an earlier read, or after a cut inside a cluster: ICU
+            // would have to start again further back, maybe at the start of a cluster as long
+            // as everything read so far.
+            bool insideCluster = true;
+            if (decided == confirmed) {
+                // Runs of plain characters, most text, one character each.
+                const qsizetype from = confirmed;
+                while (clusters < limit && confirmed + 1 < size &&
+                       plain.boundaryBetween(chars[confirmed], chars[confirmed + 1])) {
+                    ++clusters;
+                    ++confirmed;
+                }
+                if (confirmed != from) {
+                    decided = restart = confirmed;
+                    continue;
+                }
+                if (confirmed == size) {
+                    break;
+                }
+                insideCluster = restart < confirmed;
+                decided = nextCodePoint(chars, confirmed, size);
+                length = 1;
             }
-            // ICU up to the next certain boundary, or to the end of what is decoded.
-            qsizetype end = confirmed + 2;
+            if (insideCluster) {
+                // Along pairs that always join, without ICU, up to the cap.
+                while (decided < size && length < characterCodePointLimit &&
+                       JoinRules::alwaysJoined(
+                           codePointAt(chars, previousCodePoint(chars, decided), size),
+                           codePointAt(chars, decided, size))) {
+                    decided = nextCodePoint(chars, decided, size);
+                    ++length;
+                }
+                if (decided == size) {
+                    break; // the character may still grow, or this is the end
+                }
+                if (length == characterCodePointLimit) {
+                    ++clusters; // cut here, whatever ICU would say
+                    confirmed = decided;
+                    continue;
+                }
+                restart = lastRestartPoint(chars, restart, decided);
+            }
+
+            // ICU from the restart point up to the next certain boundary, or to the end of what
+            // is decoded.
+            qsizetype end = decided;
             while (end < size && !plain.boundaryBetween(chars[end - 1], chars[end])) {
                 ++end;
             }
-            end = std::min(end, size);
-            const qsizetype available = end - confirmed;
-            if (!breaks.setText(text.constData() + confirmed, available)) {
+            const qsizetype start = restart;
+            if (!breaks.setText(text.constData() + start, end - start)) {
                 return EOVERFLOW;
             }
-            qsizetype position = 0;
+            qsizetype previous = start;
             qsizetype next = 0;
-            while ((next = breaks.next()) != -1 && next > position) {
-                if (clusters >= limit) {
-                    result.content = text.left(confirmed + position);
-                    result.truncated = true;
-                    return 0;
+            while ((next = breaks.next()) != -1 && start + next > previous) {
+                const qsizetype boundary = previous = start + next;
+                if (boundary < decided) {
+                    continue; // settled before
                 }
-                if (end == size && next == available && !endOfFile) {
-                    waitForMore = true; // the next character may still join this cluster
-                    break;
+                if (boundary - confirmed > characterCodePointLimit || boundary == size) {
+                    // Long enough to be cut, or maybe not over yet: code point by code point.
+                    while (decided < boundary) {
+                        if (length == characterCodePointLimit) {
+                            ++clusters;
+                            confirmed = decided;
+                            length = 0;
+                            if (clusters >= limit) {
+                                return finish(true);
+                            }
+                        }
+                        decided = nextCodePoint(chars, decided, size);
+                        ++length;
+                    }
+                    if (boundary == size && !endOfFile) {
+                        break; // the next code point may still join this cluster
+                    }
                 }
                 ++clusters;
-                position = next;
+                confirmed = decided = restart = boundary;
+                length = 0;
+                if (clusters >= limit && confirmed < size) {
+                    return finish(true);
+                }
             }
-            if (position == 0) {
-                waitForMore = true; // ICU found nothing to settle; never spin here
+            if (confirmed != end) {
+                break; // more input settles the last cluster; ICU stopping short never spins
             }
-            confirmed += position;
         }
         if (endOfFile) {
-            result.content = text;
-            result.truncated = false;
-            return 0;
+            return finish(false);
         }
     }
 }

@@ -11,7 +11,9 @@
 #include <QTemporaryFile>
 #include <QTest>
 
+#include <atomic>
 #include <cerrno>
+#include <optional>
 #include <random>
 #include <thread>
 #include <vector>
@@ -39,10 +41,12 @@ QJsonObject content(const QString& path, const QString& text, bool truncated) {
                        {QStringLiteral("truncated"), truncated}};
 }
 
-// The character (extended grapheme cluster) boundaries of a whole text, from ICU, after the
-// start. Qt's QTextBoundaryFinder cannot serve as the reference: next to Indic text, and for
-// flags after an emoji, it reports boundaries inside characters.
-std::vector<qsizetype> boundaries(const QString& text) {
+constexpr qsizetype codePointLimit = FileReader::characterCodePointLimit;
+
+// The extended grapheme cluster boundaries of a whole text, from ICU, after the start. Qt's
+// QTextBoundaryFinder cannot serve as the reference: next to Indic text, and for flags after an
+// emoji, it reports boundaries inside characters.
+std::vector<qsizetype> clusterBoundaries(const QString& text) {
     std::vector<qsizetype> result;
     UErrorCode status = U_ZERO_ERROR;
     UBreakIterator* iterator =
@@ -58,7 +62,34 @@ std::vector<qsizetype> boundaries(const QString& text) {
     return result;
 }
 
+// The character boundaries of a whole text after the start: its clusters, each cut into pieces
+// of `codePointLimit` code points, the last one shorter.
+std::vector<qsizetype> boundaries(const QString& text) {
+    std::vector<qsizetype> result;
+    qsizetype start = 0;
+    for (const qsizetype end : clusterBoundaries(text)) {
+        qsizetype codePoints = 0;
+        for (qsizetype at = start; at < end; ++at) {
+            if (text.at(at).isLowSurrogate()) {
+                continue; // the second half of a code point
+            }
+            if (codePoints == codePointLimit) {
+                result.push_back(at);
+                codePoints = 0;
+            }
+            ++codePoints;
+        }
+        result.push_back(end);
+        start = end;
+    }
+    return result;
+}
+
 qsizetype clusterCount(const QString& text) {
+    return static_cast<qsizetype>(clusterBoundaries(text).size());
+}
+
+qsizetype characterCount(const QString& text) {
     return static_cast<qsizetype>(boundaries(text).size());
 }
 
@@ -139,9 +170,9 @@ bool readsLikeWholeText(const QList<QByteArray>& packets, const QByteArray& byte
                                 .arg(round)
                                 .arg(count)
                                 .arg(error)
-                                .arg(clusterCount(text.content))
+                                .arg(characterCount(text.content))
                                 .arg(text.truncated)
-                                .arg(clusterCount(expected.content))
+                                .arg(characterCount(expected.content))
                                 .arg(expected.truncated)
                                 .arg(input)),
                  __FILE__, __LINE__);
@@ -249,6 +280,53 @@ QByteArray randomPlainText(std::mt19937& random) {
     return bytes;
 }
 
+// Bases, each followed by 0 to 100 marks, joiners, viramas, skin tones or the like, so that
+// ICU's clusters often run past the code point limit; sometimes a joiner and an emoji or a virama
+// and a consonant after them, which ICU joins across all the marks before. Pieces in between.
+QByteArray randomLongClusters(std::mt19937& random) {
+    static const std::vector<QByteArray> bases = {"a",
+                                                  "\xF0\x9F\x91\xA8", // man
+                                                  "\xE0\xA4\x95",     // Devanagari KA
+                                                  "\xE1\x84\x80",     // Hangul leading consonant
+                                                  "\xD8\x80", // Arabic number sign (prepend)
+                                                  "\xF0\x9F\x87\xAB", // regional indicator F
+                                                  "\r",
+                                                  "\xCC\x81"};        // a mark with nothing to join
+    static const std::vector<QByteArray> marks = {"\xCC\x81",         // combining acute
+                                                  "\xCC\xA3",         // combining dot below
+                                                  "\xE2\x80\x8D",     // zero width joiner
+                                                  "\xEF\xB8\x8F",     // variation selector 16
+                                                  "\xE0\xA5\x8D",     // Devanagari virama
+                                                  "\xF0\x9F\x8F\xBD", // skin tone modifier
+                                                  "\xE0\xA4\x83",     // Devanagari visarga
+                                                  "\xE1\x85\xA1",     // Hangul vowel
+                                                  "\xD8\x80",         // prepend
+                                                  "\xF3\xA0\x80\xA1"}; // tag
+    QByteArray bytes;
+    const unsigned count = 1 + random() % 6;
+    for (unsigned i = 0; i < count; ++i) {
+        if (random() % 4 == 0) {
+            bytes.append(pieces()[random() % pieces().size()]);
+            continue;
+        }
+        bytes.append(bases[random() % bases.size()]);
+        // One mark over and over, or a mix.
+        const QByteArray& same = marks[random() % marks.size()];
+        const bool mixed = random() % 2 == 0;
+        const unsigned run = random() % 101;
+        for (unsigned k = 0; k < run; ++k) {
+            bytes.append(mixed ? marks[random() % marks.size()] : same);
+        }
+        const unsigned tail = random() % 4;
+        if (tail == 0) {
+            bytes.append("\xE2\x80\x8D\xF0\x9F\x91\xA9"); // joiner, woman
+        } else if (tail == 1) {
+            bytes.append("\xE0\xA5\x8D\xE0\xA4\x95"); // virama, KA
+        }
+    }
+    return bytes;
+}
+
 QList<QByteArray> randomPackets(std::mt19937& random, const QByteArray& bytes) {
     std::vector<qsizetype> cuts;
     if (bytes.size() > 1) {
@@ -292,6 +370,50 @@ QByteArray charactersFilling(qsizetype count, qsizetype size) {
 
 QString textOf(const char* utf8) {
     return QString::fromUtf8(utf8);
+}
+
+// Reads `characters`, joined, one more character at a time and checks that each read adds the
+// next one; the expected characters are written out by hand.
+void readsCharacterByCharacter(const QStringList& characters) {
+    const QByteArray bytes = characters.join(QString()).toUtf8();
+    QTemporaryFile file;
+    QVERIFY(file.open());
+    QCOMPARE(file.write(bytes), bytes.size());
+    QVERIFY(file.flush());
+    QStringList seen;
+    QString previous;
+    for (qsizetype count = 1; count <= characters.size() + 1; ++count) {
+        QVERIFY(::lseek(file.handle(), 0, SEEK_SET) == 0);
+        FileReader::Text text;
+        QCOMPARE(FileReader::readText(file.handle(), count, text), 0);
+        QCOMPARE(text.truncated, count < characters.size());
+        QVERIFY(text.content.startsWith(previous));
+        if (text.content.size() > previous.size()) {
+            seen.append(text.content.mid(previous.size()));
+        }
+        previous = text.content;
+    }
+    QCOMPARE(seen, characters);
+    QCOMPARE(reference(bytes, characters.size()).content, previous);
+    QCOMPARE(characterCount(previous), characters.size());
+}
+
+// One line of /proc/self/status, in KiB.
+std::optional<qint64> statusKiB(const char* field) {
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly)) {
+        return std::nullopt;
+    }
+    const QByteArray prefix = QByteArray(field) + ':';
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith(prefix)) {
+            bool ok = false;
+            const qint64 value =
+                line.mid(prefix.size()).trimmed().split(' ').value(0).toLongLong(&ok);
+            return ok ? std::optional<qint64>(value) : std::nullopt;
+        }
+    }
+    return std::nullopt;
 }
 
 } // namespace
@@ -398,7 +520,7 @@ private slots:
     void multiCodePointCharacterCountsAsOne() {
         QFETCH(QByteArray, character);
         const QString one = Utf8Decoder::decode(character);
-        QCOMPARE(clusterCount(one), 1);
+        QCOMPARE(characterCount(one), 1);
         TempTree tree;
         tree.file(QStringLiteral("docs/full.txt"), character.repeated(limit));
         tree.file(QStringLiteral("docs/over.txt"), character.repeated(limit + 1));
@@ -439,30 +561,128 @@ private slots:
             << QStringList{textOf("\xEF\xBF\xBD\xCC\x81"), textOf("\xEF\xBF\xBD")};
     }
     void charactersAreExtendedGraphemeClusters() {
-        // The expected characters are written out by hand, following Unicode's extended
-        // grapheme cluster rules; reading one more character at a time must show them.
+        // The expected characters follow Unicode's extended grapheme cluster rules.
         QFETCH(QStringList, characters);
-        const QByteArray bytes = characters.join(QString()).toUtf8();
-        QTemporaryFile file;
-        QVERIFY(file.open());
-        QCOMPARE(file.write(bytes), bytes.size());
-        QVERIFY(file.flush());
-        QStringList seen;
-        QString previous;
-        for (qsizetype count = 1; count <= characters.size() + 1; ++count) {
-            QVERIFY(::lseek(file.handle(), 0, SEEK_SET) == 0);
-            FileReader::Text text;
-            QCOMPARE(FileReader::readText(file.handle(), count, text), 0);
-            QCOMPARE(text.truncated, count < characters.size());
-            QVERIFY(text.content.startsWith(previous));
-            if (text.content.size() > previous.size()) {
-                seen.append(text.content.mid(previous.size()));
+        readsCharacterByCharacter(characters);
+    }
+
+    void longClusterIsCutAfterTheCodePointLimit_data() {
+        QTest::addColumn<QStringList>("characters");
+        QTest::addColumn<int>("clusters"); // what ICU makes of the whole text
+        const QString acute = textOf("\xCC\x81");
+        const QString tone = textOf("\xF0\x9F\x8F\xBD");
+        const QString jamo = textOf("\xE1\x84\x80");
+        static_assert(codePointLimit == 31);
+        QTest::newRow("letter and 30 marks") << QStringList{u'a' + acute.repeated(30)} << 1;
+        QTest::newRow("letter and 31 marks") << QStringList{u'a' + acute.repeated(30), acute} << 1;
+        QTest::newRow("letter and 62 marks")
+            << QStringList{u'a' + acute.repeated(30), acute.repeated(31), acute} << 1;
+        QTest::newRow("the rest of a cut cluster, then the next")
+            << QStringList{u'a' + acute.repeated(30), acute.repeated(5), QStringLiteral("b")} << 2;
+        // 62 UTF-16 units, but 31 code points; the cut falls between two surrogate pairs.
+        QTest::newRow("emoji and 30 skin tones")
+            << QStringList{textOf("\xF0\x9F\x91\x8D") + tone.repeated(30)} << 1;
+        QTest::newRow("emoji and 31 skin tones")
+            << QStringList{textOf("\xF0\x9F\x91\x8D") + tone.repeated(30), tone} << 1;
+        QTest::newRow("Hangul jamo") << QStringList{jamo.repeated(31), jamo.repeated(2)} << 1;
+        QTest::newRow("leading mark")
+            << QStringList{acute.repeated(31), acute, QStringLiteral("\n")} << 2;
+        // ICU joins these across the marks, and the second piece keeps what it joined.
+        QTest::newRow("emoji joined after the cut")
+            << QStringList{textOf("\xF0\x9F\x91\xA8") + acute.repeated(30),
+                           acute.repeated(10) + textOf("\xE2\x80\x8D\xF0\x9F\x91\xA9"),
+                           QStringLiteral("x")}
+            << 2;
+        QTest::newRow("consonants joined after the cut")
+            << QStringList{textOf("\xE0\xA4\x95") + acute.repeated(30),
+                           acute.repeated(10) + textOf("\xE0\xA5\x8D\xE0\xA4\x95"),
+                           QStringLiteral("x")}
+            << 2;
+    }
+    void longClusterIsCutAfterTheCodePointLimit() {
+        QFETCH(QStringList, characters);
+        QFETCH(int, clusters);
+        QCOMPARE(clusterCount(characters.join(QString())), qsizetype(clusters));
+        readsCharacterByCharacter(characters);
+    }
+
+    void cutClustersCountAtTheLimit() {
+        // Clusters of 62 code points are two characters each. A last one of 71 is three more, so
+        // the limit falls after 62 of its code points.
+        const QByteArray acute = "\xCC\x81";
+        const QByteArray pair = 'a' + acute.repeated(61);
+        const QByteArray body = pair.repeated(limit / 2 - 1) + 'b' + acute.repeated(61);
+        const QByteArray over = body + acute.repeated(9);
+        QCOMPARE(characterCount(Utf8Decoder::decode(over)), limit + 1);
+        QCOMPARE(clusterCount(Utf8Decoder::decode(over)), limit / 2);
+        TempTree tree;
+        tree.file(QStringLiteral("docs/over.txt"), over);
+        tree.file(QStringLiteral("docs/full.txt"), body);
+        const QString expected = QString::fromUtf8(body);
+        QCOMPARE(readCall(QStringLiteral("Docs/over.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/over.txt"), expected, true));
+        QCOMPARE(readCall(QStringLiteral("Docs/full.txt"), docs(tree)),
+                 content(QStringLiteral("Docs/full.txt"), expected, false));
+    }
+
+    void endlessClusterIsReadOnlyAsFarAsItsCharacters() {
+        // A writer sends "a" and then combining accents until the reader hangs up, 64 MiB at
+        // most; reading everything would take that and more in memory.
+        constexpr qint64 most = 64 * 1024 * 1024;
+        int pair[2];
+        QVERIFY(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) == 0);
+        std::atomic<qint64> written{0};
+        std::thread writer([&written, fd = pair[1]] {
+            const QByteArray block = QByteArray("\xCC\x81").repeated(32 * 1024);
+            QByteArray next = 'a' + block;
+            while (written < most) {
+                qsizetype sent = 0;
+                while (sent < next.size()) {
+                    const ssize_t got =
+                        ::send(fd, next.constData() + sent,
+                               static_cast<std::size_t>(next.size() - sent), MSG_NOSIGNAL);
+                    if (got < 0 && errno == EINTR) {
+                        continue;
+                    }
+                    if (got <= 0) {
+                        return; // the reader has closed its end
+                    }
+                    sent += got;
+                    written += got;
+                }
+                next = block;
             }
-            previous = text.content;
+            ::shutdown(fd, SHUT_WR);
+        });
+        // Peak memory from here on: the high-water mark goes back to what is resident now.
+        QFile clear(QStringLiteral("/proc/self/clear_refs"));
+        const bool peakReset = clear.open(QIODevice::WriteOnly) && clear.write("5") == 1;
+        clear.close();
+        const std::optional<qint64> residentBefore = statusKiB(peakReset ? "VmRSS" : "VmHWM");
+
+        FileReader::Text text;
+        const int error = FileReader::readText(pair[0], limit, text);
+        ::close(pair[0]);
+        writer.join();
+        ::close(pair[1]);
+        const std::optional<qint64> peak = statusKiB("VmHWM");
+
+        qInfo("%lld bytes sent before the reader stopped; peak memory grew by %lld KiB",
+              static_cast<long long>(written.load()),
+              residentBefore && peak ? static_cast<long long>(*peak - *residentBefore) : -1LL);
+        QCOMPARE(error, 0);
+        QVERIFY(text.truncated);
+        QCOMPARE(text.content.size(), limit * codePointLimit);
+        QCOMPARE(text.content, u'a' + QString(limit * codePointLimit - 1, QChar(0x0301)));
+        // About 6 MiB are needed; the rest is what the socket and one read hold.
+        QVERIFY2(
+            written < 16 * 1024 * 1024,
+            qPrintable(QStringLiteral("%1 bytes sent before the reader stopped").arg(written)));
+        if (residentBefore && peak) {
+            QVERIFY2(*peak - *residentBefore < 64 * 1024,
+                     qPrintable(QStringLiteral("peak memory grew by %1 KiB while reading")
+                                    .arg(*peak - *residentBefore)));
         }
-        QCOMPARE(seen, characters);
-        QCOMPARE(reference(bytes, characters.size()).content, previous);
-        QCOMPARE(clusterCount(previous), characters.size());
     }
 
     void cutNextToIndicTextKeepsEmojiWhole() {
@@ -634,7 +854,7 @@ private slots:
                 continue; // surrogates only
             }
             const QByteArray bytes = text.toUtf8();
-            const qsizetype total = clusterCount(Utf8Decoder::decode(bytes));
+            const qsizetype total = characterCount(Utf8Decoder::decode(bytes));
             for (qsizetype count : {total, total - 1, total / 2}) {
                 FileReader::Text got;
                 int error = -1;
@@ -731,7 +951,7 @@ private slots:
         for (int round = 0; round < 1500; ++round) {
             const QByteArray bytes = randomText(random);
             const QList<QByteArray> packets = randomPackets(random, bytes);
-            const qsizetype total = clusterCount(Utf8Decoder::decode(bytes));
+            const qsizetype total = characterCount(Utf8Decoder::decode(bytes));
             const qsizetype counts[] = {0,
                                         1,
                                         1 + static_cast<qsizetype>(random() % 50),
@@ -757,11 +977,34 @@ private slots:
         for (int round = 0; round < 1500; ++round) {
             const QByteArray bytes = randomPlainText(random);
             const QList<QByteArray> packets = randomPackets(random, bytes);
-            const qsizetype total = clusterCount(Utf8Decoder::decode(bytes));
+            const qsizetype total = characterCount(Utf8Decoder::decode(bytes));
             const qsizetype counts[] = {0, 1 + static_cast<qsizetype>(random() % 50),
                                         1 + static_cast<qsizetype>(random() % 200),
                                         std::max<qsizetype>(total - 1, 1),
                                         std::max<qsizetype>(total, 1)};
+            const QString input =
+                QStringLiteral("text %1").arg(QString::fromLatin1(bytes.toHex(' ')));
+            for (qsizetype count : counts) {
+                if (!readsLikeWholeText(packets, bytes, count, round, input)) {
+                    return;
+                }
+            }
+        }
+    }
+
+    void longClustersEqualDecodingWholeAndCutting() {
+        std::mt19937 random(31);
+        for (int round = 0; round < 800; ++round) {
+            const QByteArray bytes = randomLongClusters(random);
+            const QList<QByteArray> packets = randomPackets(random, bytes);
+            const qsizetype total = characterCount(Utf8Decoder::decode(bytes));
+            const qsizetype counts[] = {0,
+                                        1,
+                                        1 + static_cast<qsizetype>(random() % 8),
+                                        1 + static_cast<qsizetype>(random() % 30),
+                                        std::max<qsizetype>(total - 1, 1),
+                                        std::max<qsizetype>(total, 1),
+                                        total + 1};
             const QString input =
                 QStringLiteral("text %1").arg(QString::fromLatin1(bytes.toHex(' ')));
             for (qsizetype count : counts) {
@@ -803,6 +1046,28 @@ private slots:
         QCOMPARE(text.content, textOf("abc\xCC\x81"));
         QVERIFY(text.truncated);
         QCOMPARE(unread, QByteArray("efghijk"));
+    }
+
+    void stopsReadingOnceALongClusterIsCut() {
+        const QByteArray acute = "\xCC\x81";
+        FileReader::Text text;
+        int error = -1;
+        QByteArray unread;
+        // "a" and 30 accents, then the other 10; "b" shows that a third character follows.
+        readPackets({'a' + acute.repeated(40), "b", "cd"}, false, 2, text, error, &unread);
+        QCOMPARE(error, 0);
+        QCOMPARE(text.content, QString::fromUtf8('a' + acute.repeated(40)));
+        QVERIFY(text.truncated);
+        QCOMPARE(unread, QByteArray("cd"));
+
+        // The 32nd code point of a cluster begins the next character, wherever the cluster ends.
+        FileReader::Text first;
+        unread.clear();
+        readPackets({'a' + acute.repeated(31), acute, "x"}, false, 1, first, error, &unread);
+        QCOMPARE(error, 0);
+        QCOMPARE(first.content, QString::fromUtf8('a' + acute.repeated(30)));
+        QVERIFY(first.truncated);
+        QCOMPARE(unread, acute + 'x');
     }
 
     void needsTheNextCharacterToKnowTheLastOneEnded() {
