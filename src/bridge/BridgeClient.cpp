@@ -2,17 +2,21 @@
 
 #include "FileService.h"
 #include "JsonReader.h"
+#include "ProxyChoice.h"
 #include "QtBridgeScheduler.h"
+#include "TrustStore.h"
+#include "Utf8Validator.h"
+#include "WebSocketConnection.h"
 
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QJsonValue>
-#include <QNetworkRequest>
-#include <QStringDecoder>
+#include <QLoggingCategory>
 #include <QTimer>
-#include <QWebSocket>
 
 #include <algorithm>
+
+Q_LOGGING_CATEGORY(lcBridge, "quillmar.bridge", QtWarningMsg)
 
 namespace {
 
@@ -102,100 +106,101 @@ void BridgeClient::openSocket() {
         return;
     }
 
-    QNetworkRequest request(*url);
-    request.setTransferTimeout(int(std::chrono::milliseconds(requestTimeout).count()));
-    request.setRawHeader(QByteArrayLiteral("User-Agent"),
-                         QByteArrayLiteral("QuillmarCompanion/0.1 (macOS)"));
-
     if (m_task) {
         closeTask(m_task);
     }
-    auto* socket = new QWebSocket(QString(), QWebSocketProtocol::VersionLatest, this);
+    auto* socket = new WebSocketConnection(this);
+    socket->addHeader(QByteArrayLiteral("User-Agent"),
+                      QByteArrayLiteral("QuillmarCompanion/0.1 (macOS)"));
+    socket->setProxy(ProxyChoice::forUrl(*url));
+    socket->setSslConfiguration(TrustStore::configuration());
     m_task = socket;
+    m_open = false;
     ++m_connectionCount;
-    const QPointer<QWebSocket> guard(socket);
+    const QPointer<WebSocketConnection> guard(socket);
 
-    QObject::connect(socket, &QWebSocket::textMessageReceived, this,
-                     [this, guard](const QString& text) { enqueue(guard, text); });
-    QObject::connect(
-        socket, &QWebSocket::binaryMessageReceived, this, [this, guard](const QByteArray& bytes) {
-            QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-            QString text = decoder.decode(bytes);
-            if (!decoder.hasError()) {
-                enqueue(guard, std::move(text));
-            }
-        });
-    QObject::connect(socket, &QWebSocket::connected, this, [this, guard] {
+    QObject::connect(socket, &WebSocketConnection::textReceived, this,
+                     [this, guard](const QByteArray& text) { enqueue(guard, text); });
+    // The service speaks text; a binary frame that holds valid UTF-8 is read as text too.
+    QObject::connect(socket, &WebSocketConnection::binaryReceived, this,
+                     [this, guard](const QByteArray& bytes) {
+                         Utf8Validator utf8;
+                         utf8.feed(bytes);
+                         if (utf8.complete()) {
+                             enqueue(guard, bytes);
+                         }
+                     });
+    QObject::connect(socket, &WebSocketConnection::connected, this, [this, guard] {
         if (guard == m_task) {
+            m_open = true;
             cancelTimer(m_handshakeTimer);
         }
     });
-    // One failure often arrives as several signals (error, error, disconnected). Queued, so that
-    // a failure raised inside open() comes after "Connecting…"; taskFailed() counts the first.
-#if QT_VERSION >= QT_VERSION_CHECK(6, 5, 0)
-    QObject::connect(
-        socket, &QWebSocket::errorOccurred, this, [this, guard] { taskFailed(guard); },
-        Qt::QueuedConnection);
-#else
-    QObject::connect(
-        socket, qOverload<QAbstractSocket::SocketError>(&QWebSocket::error), this,
-        [this, guard] { taskFailed(guard); }, Qt::QueuedConnection);
-#endif
-    QObject::connect(
-        socket, &QWebSocket::disconnected, this, [this, guard] { taskFailed(guard); },
-        Qt::QueuedConnection);
-
-    // QWebSocket ignores the request's transfer time-out, so the handshake gets its own.
-    cancelTimer(m_handshakeTimer);
-    m_handshakeTimer = m_scheduler->schedule(requestTimeout, [self = QPointer<BridgeClient>(this),
-                                                              guard] {
-        if (!self) {
-            return;
-        }
-        self->m_handshakeTimer = 0;
-        if (guard && guard == self->m_task && guard->state() != QAbstractSocket::ConnectedState) {
-            self->taskFailed(guard);
+    QObject::connect(socket, &WebSocketConnection::activity, this, [this, guard] {
+        if (guard == m_task) {
+            cancelTimer(m_answerTimer);
         }
     });
+    QObject::connect(
+        socket, &WebSocketConnection::ended, this,
+        [this, guard](const ConnectionProblem& problem) { taskFailed(guard, problem); });
 
-    socket->open(request);
+    // The whole opening (proxy, TLS, handshake) gets one time limit.
+    cancelTimer(m_handshakeTimer);
+    m_handshakeTimer =
+        m_scheduler->schedule(requestTimeout, [self = QPointer<BridgeClient>(this), guard] {
+            if (!self) {
+                return;
+            }
+            self->m_handshakeTimer = 0;
+            if (guard && guard == self->m_task && !guard->isOpen()) {
+                self->taskFailed(guard, ConnectionProblem(ConnectionProblem::Kind::NoAnswer,
+                                                          QStringLiteral("the opening timed out")));
+            }
+        });
+
+    socket->open(*url);
     startPing();
     report(false, connectingText);
 }
 
 quint64 BridgeClient::connectionId() const {
-    return m_task && m_task->state() == QAbstractSocket::ConnectedState ? m_connectionCount : 0;
+    return m_task && m_open ? m_connectionCount : 0;
 }
 
-void BridgeClient::closeTask(QWebSocket* socket) {
+void BridgeClient::closeTask(WebSocketConnection* socket) {
     QObject::disconnect(socket, nullptr, this, nullptr);
-    if (socket->state() == QAbstractSocket::UnconnectedState) {
-        socket->deleteLater();
-        return;
-    }
-    QObject::connect(socket, &QWebSocket::disconnected, socket, &QObject::deleteLater);
-    QTimer::singleShot(closeGrace, socket, [socket] {
-        socket->abort();
-        socket->deleteLater();
-    });
-    socket->close(QWebSocketProtocol::CloseCodeGoingAway);
+    // It drops its socket when the service answers the close, or after a grace period.
+    socket->close(1001);
+    QTimer::singleShot(closeGrace + std::chrono::seconds(1), socket, &QObject::deleteLater);
 }
 
-void BridgeClient::taskFailed(QWebSocket* socket) {
-    // Only the current socket's first failure counts; later signals of it, and signals of
-    // sockets already replaced or closed by us, change nothing.
+void BridgeClient::taskFailed(WebSocketConnection* socket, const ConnectionProblem& problem) {
+    // Only the current socket's end counts; the end of a socket already replaced or closed by
+    // us changes nothing.
     if (!socket || socket != m_task) {
         return;
     }
     m_task = nullptr;
+    m_open = false;
     cancelTimer(m_handshakeTimer);
+    cancelTimer(m_answerTimer);
     QObject::disconnect(socket, nullptr, this, nullptr);
     socket->abort();
     socket->deleteLater();
+    qCInfo(lcBridge) << "connection ended:" << problem.text() << problem.detail();
+    setProblem(problem);
     scheduleReconnect();
 }
 
-void BridgeClient::enqueue(QWebSocket* source, QString text) {
+void BridgeClient::setProblem(const ConnectionProblem& problem) {
+    if (!(problem == m_problem)) {
+        m_problem = problem;
+        emit problemChanged();
+    }
+}
+
+void BridgeClient::enqueue(WebSocketConnection* source, QByteArray text) {
     if (!source || source != m_task) {
         return;
     }
@@ -227,7 +232,7 @@ QCoro::Task<> BridgeClient::receive() {
     m_receiving = false;
 }
 
-QCoro::Task<> BridgeClient::handle(QString text) {
+QCoro::Task<> BridgeClient::handle(QByteArray text) {
     QJsonParseError parseError;
     const QJsonDocument document = JsonReader::parse(text, &parseError);
     if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
@@ -241,6 +246,7 @@ QCoro::Task<> BridgeClient::handle(QString text) {
     const QString name = type.toString();
     if (name == u"hello") {
         m_reconnectAttempt = 0;
+        setProblem(ConnectionProblem());
         report(true, QStringLiteral("Connected to Quillmar"));
     } else if (name == u"call") {
         co_await handleCall(frame);
@@ -303,13 +309,10 @@ void BridgeClient::send(const QJsonObject& frame) {
 }
 
 void BridgeClient::sendText(const QByteArray& utf8) {
-    if (!m_task || m_task->state() != QAbstractSocket::ConnectedState) {
+    if (!m_task || !m_open) {
         return;
     }
-    // QWebSocket takes text frames only as QString; it converts back to UTF-8 itself.
-    m_task->sendTextMessage(QString::fromUtf8(utf8));
-    // Out now rather than on the next pass of the event loop: the service is waiting for it.
-    m_task->flush();
+    m_task->sendText(utf8);
 }
 
 void BridgeClient::startPing() {
@@ -321,11 +324,36 @@ void BridgeClient::startPing() {
         self->m_pingTimer = 0;
         self->startPing();
         self->send(QJsonObject{{QStringLiteral("type"), QStringLiteral("ping")}});
+        self->expectAnswer();
+    });
+}
+
+void BridgeClient::expectAnswer() {
+    if (!m_task || !m_open) {
+        return;
+    }
+    // A WebSocket ping too, which any server answers by itself; whatever arrives next proves
+    // the connection alive.
+    m_task->ping();
+    if (m_answerTimer != 0) {
+        return;
+    }
+    m_answerTimer = m_scheduler->schedule(answerTimeout, [self = QPointer<BridgeClient>(this)] {
+        if (!self) {
+            return;
+        }
+        self->m_answerTimer = 0;
+        if (self->m_task) {
+            self->taskFailed(self->m_task,
+                             ConnectionProblem(ConnectionProblem::Kind::NoAnswer,
+                                               QStringLiteral("no answer to a keep-alive ping")));
+        }
     });
 }
 
 void BridgeClient::stopPing() {
     cancelTimer(m_pingTimer);
+    cancelTimer(m_answerTimer);
 }
 
 void BridgeClient::scheduleReconnect() {

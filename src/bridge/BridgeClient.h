@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BridgeScheduler.h"
+#include "ConnectionProblem.h"
 #include "SharedFolder.h"
 #include "ToolResult.h"
 
@@ -18,7 +19,7 @@
 #include <memory>
 #include <optional>
 
-class QWebSocket;
+class WebSocketConnection;
 
 // The companion's one WebSocket to the service. Opens it from the API base and the device token,
 // answers the service's tool calls strictly one at a time, sends a keep-alive ping every 30 s,
@@ -36,6 +37,8 @@ public:
     static constexpr std::chrono::seconds keepAliveInterval{30};
     static constexpr std::chrono::seconds requestTimeout{60};
     static constexpr std::chrono::seconds longestReconnectDelay{30};
+    // After a keep-alive ping, how long the connection may stay silent before it counts as dead.
+    static constexpr std::chrono::seconds answerTimeout{20};
 
     explicit BridgeClient(QObject* parent = nullptr);
     // Takes its timers from `scheduler` (tests step a manual clock through it).
@@ -59,6 +62,10 @@ public:
     // Reconnections scheduled since the last `hello`.
     qint64 reconnectAttempt() const { return m_reconnectAttempt; }
 
+    // Why the last attempt failed or the connection was lost; none once the service has said
+    // hello.
+    const ConnectionProblem& problem() const { return m_problem; }
+
     // Names the socket now open (a new number for each socket), 0 when there is none. An answer
     // the user gives after the socket that brought the question went away must not count.
     quint64 connectionId() const;
@@ -68,19 +75,23 @@ public:
     // Seconds to wait before the n-th reconnection (n >= 1): 2, 4, 8, 16, 30, 30, ...
     static qint64 reconnectDelaySeconds(qint64 attempt);
 
+signals:
+    // problem() changed.
+    void problemChanged();
+
 private:
     struct Frame {
-        QPointer<QWebSocket> source;
-        QString text;
+        QPointer<WebSocketConnection> source;
+        QByteArray text;
     };
 
     std::optional<QUrl> wsURL() const;
     void openSocket();
-    void closeTask(QWebSocket* socket);
-    void taskFailed(QWebSocket* socket);
-    void enqueue(QWebSocket* source, QString text);
+    void closeTask(WebSocketConnection* socket);
+    void taskFailed(WebSocketConnection* socket, const ConnectionProblem& problem);
+    void enqueue(WebSocketConnection* source, QByteArray text);
     QCoro::Task<> receive();
-    QCoro::Task<> handle(QString text);
+    QCoro::Task<> handle(QByteArray text);
     QCoro::Task<> handleCall(QJsonObject frame);
     void send(const QJsonObject& frame);
     void sendResult(const QString& reqId, const ToolResult& result);
@@ -88,15 +99,20 @@ private:
     void startPing();
     void stopPing();
     void scheduleReconnect();
+    void expectAnswer();
+    void setProblem(const ConnectionProblem& problem);
     void cancelTimer(BridgeScheduler::TimerId& id);
     void report(bool online, const QString& text);
 
     std::unique_ptr<BridgeScheduler> m_scheduler;
-    QPointer<QWebSocket> m_task;
+    QPointer<WebSocketConnection> m_task;
+    bool m_open = false;
     BridgeScheduler::TimerId m_pingTimer = 0;
+    BridgeScheduler::TimerId m_answerTimer = 0;
     BridgeScheduler::TimerId m_reconnectTimer = 0;
     BridgeScheduler::TimerId m_handshakeTimer = 0;
     qint64 m_reconnectAttempt = 0;
+    ConnectionProblem m_problem;
     quint64 m_connectionCount = 0;
     QString m_token;
     QString m_apiBase;

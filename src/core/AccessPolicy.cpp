@@ -409,21 +409,42 @@ FileLocation AccessPolicy::locate(const QString& item, Purpose purpose) const {
     return std::move(result.location);
 }
 
-void AccessPolicy::confirm(int fd) const {
+namespace {
+
+// The kernel's name for an open descriptor, or nothing (no /proc, or it has been removed).
+std::optional<QByteArray> placeOf(int fd) {
     const QByteArray link = "/proc/self/fd/" + QByteArray::number(fd);
     QByteArray where(PATH_MAX, Qt::Uninitialized);
     const ssize_t length = ::readlink(link.constData(), where.data(), std::size_t(where.size()));
     if (length <= 0 || length >= where.size()) {
-        return; // no /proc: the walk's own checks are all there is
+        return std::nullopt; // no /proc: the walk's own checks are all there is
     }
     where.truncate(length);
     if (!where.startsWith('/') || where.endsWith(" (deleted)")) {
-        return;
+        return std::nullopt;
     }
-    if (rootOf(where) < 0) {
+    return where;
+}
+
+} // namespace
+
+void AccessPolicy::confirmPlace(const QByteArray& place) const {
+    if (rootOf(place) < 0) {
         throw ToolError(outsideMessage());
     }
-    if (isOwn(where)) {
+    if (isOwn(place)) {
         throw ToolError(ownFilesMessage());
+    }
+}
+
+void AccessPolicy::confirm(int fd) const {
+    if (const std::optional<QByteArray> where = placeOf(fd)) {
+        confirmPlace(*where);
+    }
+}
+
+void AccessPolicy::confirmNew(int directory, QByteArrayView name) const {
+    if (const std::optional<QByteArray> where = placeOf(directory)) {
+        confirmPlace((*where == "/" ? QByteArray() : *where) + '/' + name.toByteArray());
     }
 }

@@ -44,6 +44,9 @@ public:
     // Checks where an open descriptor is now (the kernel's name for it): a folder moved away
     // after it was checked must not take an access with it. Throws ToolError.
     void confirm(int fd) const;
+    // The same for the entry `name` about to be made in the open directory `directory`, checked
+    // where the directory is now, just before it is made.
+    void confirmNew(int directory, QByteArrayView name) const;
 
     // The real path of the shared folder, links resolved; empty when there is no such folder.
     QByteArray realRoot(const SharedFolder& folder) const;
@@ -64,6 +67,7 @@ private:
 
     // Index into m_roots of the innermost root holding `realPath`, or -1.
     qsizetype rootOf(QByteArrayView realPath) const;
+    void confirmPlace(const QByteArray& place) const;
     void check(FileLocation& location, Purpose purpose, bool followedLinks) const;
 
     QList<SharedFolder> m_folders;

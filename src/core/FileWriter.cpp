@@ -113,17 +113,13 @@ QJsonObject FileWriter::commit(PendingWrite& write, const AccessPolicy& policy) 
                                                : QStringLiteral("write"),
                               path);
     }
-    // Something is created in the directory only when the target does not exist yet; an
-    // existing target is checked itself once it is open (a shared folder's own parent is not
-    // shared).
-    if (!target.exists()) {
-        policy.confirm(target.directory.get());
-    }
-
     // Missing folders are made one level at a time below the checked directory, each opened
-    // without following links before the next is made in it.
+    // without following links before the next is made in it. Whatever is made is checked where
+    // it would appear right before: the user may have taken a while to answer, and folders can
+    // move meanwhile. (An existing target is checked itself once it is open.)
     FileDescriptor directory(::dup(target.directory.get()));
     for (const QByteArray& folder : std::as_const(target.missing)) {
+        policy.confirmNew(directory.get(), folder);
         if (::mkdirat(directory.get(), folder.constData(), 0777) != 0 && errno != EEXIST) {
             throw FileSystemError(errno, QStringLiteral("create the folders for"), path);
         }
@@ -138,22 +134,14 @@ QJsonObject FileWriter::commit(PendingWrite& write, const AccessPolicy& policy) 
     const int flags = O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW;
     const char* name = target.name.constData();
     FileDescriptor file(::openat(directory.get(), name, flags));
-    bool created = false;
     if (!file.valid() && errno == ENOENT) {
+        policy.confirmNew(directory.get(), target.name);
         file = FileDescriptor(::openat(directory.get(), name, flags | O_CREAT | O_EXCL, 0666));
-        created = file.valid();
     }
     if (!file.valid()) {
         throw FileSystemError(errno, QStringLiteral("write"), path);
     }
-    try {
-        policy.confirm(file.get());
-    } catch (const ToolError&) {
-        if (created) {
-            ::unlinkat(directory.get(), name, 0);
-        }
-        throw;
-    }
+    policy.confirm(file.get());
     // Replaced in full: truncated, then written. Only files have a length to cut.
     struct stat info {};
     if (::fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode) &&

@@ -1,5 +1,9 @@
 #include "PairingClient.h"
 
+#include "ProxyChoice.h"
+#include "TrustStore.h"
+
+#include <QAuthenticator>
 #include <QCoroNetworkReply>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -8,6 +12,8 @@
 #include <QNetworkRequest>
 #include <QScopeGuard>
 #include <QUrl>
+
+#include <memory>
 
 namespace {
 
@@ -52,11 +58,23 @@ QCoro::Task<ClaimResponse> PairingClient::claim(QString apiBase, QString code, Q
     request.setRawHeader("Content-Type", "application/json");
     request.setRawHeader("User-Agent", "QuillmarCompanion/0.1 (macOS)");
     request.setTransferTimeout(static_cast<int>(timeout.count()));
+    request.setSslConfiguration(TrustStore::configuration());
 
     // A manager per call keeps the client free of shared state and usable from any thread. It
     // and its reply go only later: the reply resumes this coroutine from inside its own signal.
     auto* manager = new QNetworkAccessManager;
     const auto release = qScopeGuard([manager] { manager->deleteLater(); });
+    // The same proxy as the bridge's; its login, when the setting has one, is offered once.
+    const QNetworkProxy proxy = ProxyChoice::forUrl(*url);
+    manager->setProxy(proxy);
+    auto logins = std::make_shared<int>(0);
+    QObject::connect(manager, &QNetworkAccessManager::proxyAuthenticationRequired, manager,
+                     [logins](const QNetworkProxy& asking, QAuthenticator* login) {
+                         if (++*logins == 1 && !asking.user().isEmpty()) {
+                             login->setUser(asking.user());
+                             login->setPassword(asking.password());
+                         }
+                     });
     QNetworkReply* reply = manager->post(request, claimBody(code, deviceName));
     co_await reply;
 

@@ -95,7 +95,7 @@ private:
     Approver m_approver;
     QList<SharedFolder> m_folders;
     QStringList m_ownFiles;
-    bool m_kernelConfinement = true;
+    bool m_kernelConfinement = Confinement::wanted();
     Limits m_limits;
     Confinement m_confinement;
 

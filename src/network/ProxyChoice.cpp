@@ -1,0 +1,124 @@
+#include "ProxyChoice.h"
+
+#include <QHostAddress>
+#include <QNetworkProxyFactory>
+#include <QStringList>
+
+#include <optional>
+
+namespace {
+
+QString firstSet(const QProcessEnvironment& environment, std::initializer_list<const char*> names) {
+    for (const char* name : names) {
+        const QString value = environment.value(QString::fromLatin1(name)).trimmed();
+        if (!value.isEmpty()) {
+            return value;
+        }
+    }
+    return QString();
+}
+
+bool isLoopback(const QString& host) {
+    if (host.compare(u"localhost", Qt::CaseInsensitive) == 0 ||
+        host.endsWith(u".localhost", Qt::CaseInsensitive)) {
+        return true;
+    }
+    const QHostAddress address(host);
+    return !address.isNull() && address.isLoopback();
+}
+
+} // namespace
+
+std::optional<QNetworkProxy> ProxyChoice::parse(const QString& value) {
+    const QString text = value.trimmed();
+    if (text.isEmpty()) {
+        return std::nullopt;
+    }
+    // Without a scheme the value is an HTTP proxy's host and port.
+    const QUrl url(text.contains(QStringLiteral("://")) ? text : QStringLiteral("http://") + text,
+                   QUrl::TolerantMode);
+    if (!url.isValid() || url.host().isEmpty()) {
+        return std::nullopt;
+    }
+    const QString scheme = url.scheme().toLower();
+    QNetworkProxy::ProxyType type = QNetworkProxy::HttpProxy;
+    if (scheme == u"socks5" || scheme == u"socks5h" || scheme == u"socks") {
+        type = QNetworkProxy::Socks5Proxy;
+    } else if (scheme != u"http" && scheme != u"https") {
+        return std::nullopt;
+    }
+    // The command-line tools' default port for a proxy.
+    QNetworkProxy proxy(type, url.host(), quint16(url.port(1080)), url.userName(QUrl::FullyDecoded),
+                        url.password(QUrl::FullyDecoded));
+    return proxy;
+}
+
+bool ProxyChoice::exempt(const QString& host, const QString& noProxy) {
+    const QHostAddress address(host);
+    for (QString entry : noProxy.split(u',', Qt::SkipEmptyParts)) {
+        entry = entry.trimmed();
+        if (entry.isEmpty()) {
+            continue;
+        }
+        if (entry == u"*") {
+            return true;
+        }
+        if (!address.isNull()) {
+            const QPair<QHostAddress, int> network = QHostAddress::parseSubnet(entry);
+            if (network.first.isNull() ? QHostAddress(entry) == address
+                                       : address.isInSubnet(network)) {
+                return true;
+            }
+            continue;
+        }
+        // A name covers itself and every name below it; a leading "." changes nothing.
+        if (entry.startsWith(u'.')) {
+            entry.remove(0, 1);
+        }
+        if (host.compare(entry, Qt::CaseInsensitive) == 0 ||
+            host.endsWith(u'.' + entry, Qt::CaseInsensitive)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+QNetworkProxy ProxyChoice::forUrl(const QUrl& target, const QProcessEnvironment& environment) {
+    const QNetworkProxy none(QNetworkProxy::NoProxy);
+    const QString host = target.host();
+    if (host.isEmpty() || isLoopback(host)) {
+        return none;
+    }
+    if (exempt(host, firstSet(environment, {"no_proxy", "NO_PROXY"}))) {
+        return none;
+    }
+    const QString scheme = target.scheme().toLower();
+    const bool secure = scheme == u"https" || scheme == u"wss";
+    // HTTP_PROXY in capitals is left alone, as command-line tools do: web servers pass a
+    // request's "Proxy:" header to programs in that very name.
+    const QString chosen = secure ? firstSet(environment, {"https_proxy", "HTTPS_PROXY"})
+                                  : firstSet(environment, {"http_proxy"});
+    const QString value =
+        chosen.isEmpty() ? firstSet(environment, {"all_proxy", "ALL_PROXY"}) : chosen;
+    if (!value.isEmpty()) {
+        return parse(value).value_or(none);
+    }
+    // Nothing in the environment: the desktop's settings (GNOME, KDE, a PAC file), through Qt.
+    QNetworkProxyQuery query(target);
+    if (scheme == u"wss" || scheme == u"ws") {
+        // Ask as for the web address the connection starts as.
+        QUrl web = target;
+        web.setScheme(secure ? QStringLiteral("https") : QStringLiteral("http"));
+        query = QNetworkProxyQuery(web);
+    }
+    for (const QNetworkProxy& proxy : QNetworkProxyFactory::systemProxyForQuery(query)) {
+        if (proxy.type() == QNetworkProxy::HttpProxy ||
+            proxy.type() == QNetworkProxy::Socks5Proxy) {
+            return proxy;
+        }
+        if (proxy.type() == QNetworkProxy::NoProxy) {
+            return none;
+        }
+    }
+    return none;
+}

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QSslConfiguration>
+
+// The certificates the companion trusts for the service: the system's, plus the authorities an
+// administrator names in SSL_CERT_FILE (a PEM file) and SSL_CERT_DIR (folders of PEM files,
+// separated by ":"), which OpenSSL-based tools honour and Qt by itself does not.
+namespace TrustStore {
+
+QSslConfiguration configuration();
+
+} // namespace TrustStore
