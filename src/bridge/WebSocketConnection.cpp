@@ -98,6 +98,9 @@ void WebSocketConnection::startHandshake() {
         return;
     }
     m_state = State::Handshaking;
+    // Answers are small and each one is awaited: Nagle's algorithm would hold a second one back
+    // until the first is acknowledged, tens of milliseconds later.
+    m_socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     m_socket->write(m_handshake->request());
 }
 
