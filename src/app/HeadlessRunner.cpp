@@ -46,10 +46,18 @@ int HeadlessRunner::run(QTextStream& out, QTextStream& err) {
 
     AppState& state = AppState::shared();
     QString lastStatus;
+    QString lastProblem;
     state.onChange = [&] {
         if (state.statusText() != lastStatus) {
             lastStatus = state.statusText();
             out << lastStatus << "\n" << Qt::flush;
+        }
+        // Why, on a line of its own after the status it explains, each time the reason changes.
+        if (state.connectionProblem() != lastProblem) {
+            lastProblem = state.connectionProblem();
+            if (!lastProblem.isEmpty()) {
+                out << lastProblem << "\n" << Qt::flush;
+            }
         }
     };
 

@@ -189,8 +189,15 @@ void BridgeClient::taskFailed(WebSocketConnection* socket, const ConnectionProbl
     socket->abort();
     socket->deleteLater();
     qCInfo(lcBridge) << "connection ended:" << problem.text() << problem.detail();
-    setProblem(problem);
+    // Known before the status is reported, so that whoever shows the status can say why; the
+    // change itself is announced after it.
+    const bool changed = !(problem == m_problem);
+    m_problem = problem;
+    const QPointer<BridgeClient> self(this);
     scheduleReconnect();
+    if (self && changed) {
+        emit problemChanged();
+    }
 }
 
 void BridgeClient::setProblem(const ConnectionProblem& problem) {

@@ -3,12 +3,16 @@
 #include "AppState.h"
 
 QString StatusMenuModel::toolTip() const {
-    return buttonTitle.trimmed() + u'\n' + header;
+    QString tip = buttonTitle.trimmed() + u'\n' + header;
+    if (!problem.isEmpty()) {
+        tip += u'\n' + problem;
+    }
+    return tip;
 }
 
 StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& statusText,
                                        const QList<SharedFolder>& folders,
-                                       bool requireWriteApproval) {
+                                       bool requireWriteApproval, const QString& problem) {
     StatusMenuModel model;
     model.symbolName = online ? onlineSymbol() : offlineSymbol();
     model.accessibilityDescription = QStringLiteral("Quillmar");
@@ -16,8 +20,13 @@ StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& 
     model.header = online ? QStringLiteral("Quillmar OS — Connected")
                           : QStringLiteral("Quillmar OS — ") + statusText;
 
+    model.problem = online ? QString() : problem;
+
     QList<MenuItem>& items = model.items;
     items.append(MenuItem::make(model.header, MenuAction::None, false));
+    if (!model.problem.isEmpty()) {
+        items.append(MenuItem::make(model.problem, MenuAction::None, false));
+    }
     items.append(MenuItem::makeSeparator());
 
     if (!paired) {
@@ -59,7 +68,7 @@ StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& 
 
 StatusMenuModel StatusMenuModel::build(const AppState& state) {
     return build(state.online(), state.paired(), state.statusText(), state.folders(),
-                 state.requireWriteApproval());
+                 state.requireWriteApproval(), state.connectionProblem());
 }
 
 QString StatusMenuModel::folderTitle(const SharedFolder& folder) {

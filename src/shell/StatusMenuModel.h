@@ -22,13 +22,17 @@ public:
     QString buttonTitle;
     // The first, disabled line of the menu.
     QString header;
+    // Why the bridge is not connected, in plain words; the menu's second disabled line, when
+    // there is one.
+    QString problem;
     QList<MenuItem> items;
 
-    // "Quillmar OS" and the header, on two lines.
+    // "Quillmar OS", the header and the problem, one to a line.
     QString toolTip() const;
 
     static StatusMenuModel build(bool online, bool paired, const QString& statusText,
-                                 const QList<SharedFolder>& folders, bool requireWriteApproval);
+                                 const QList<SharedFolder>& folders, bool requireWriteApproval,
+                                 const QString& problem = QString());
     static StatusMenuModel build(const AppState& state);
 
     // Two spaces, the folder emoji, a space and the folder's name.

@@ -113,6 +113,10 @@ void AppState::initialise() {
         return worker->run(std::move(method), std::move(params));
     };
     m_bridge->foldersProvider = [self] { return self ? self->m_folders : QList<SharedFolder>{}; };
+    QObject::connect(m_bridge.get(), &BridgeClient::problemChanged, this, [this] {
+        emit connectionProblemChanged();
+        notify();
+    });
     m_bridge->onStatus = [self](bool online, const QString& text) {
         if (!self) {
             return;
@@ -261,6 +265,13 @@ QCoro::Task<bool> AppState::approveAgentWrite(QString path, qint64 bytes) {
     co_return allowed&& self&& connection != 0 && m_bridge->connectionId() == connection;
 }
 
+QString AppState::connectionProblem() const {
+    if (!m_paired || m_online || !m_bridge) {
+        return QString();
+    }
+    return m_bridge->problem().text();
+}
+
 QString AppState::fileAccessText() const {
     if (m_worker && !m_worker->programFound()) {
         return QStringLiteral("File access: unavailable (the companion's file tools are missing: "
@@ -281,6 +292,7 @@ void AppState::setOnline(bool value) {
     if (m_online != value) {
         m_online = value;
         emit onlineChanged();
+        emit connectionProblemChanged();
     }
 }
 
@@ -288,6 +300,7 @@ void AppState::setPaired(bool value) {
     if (m_paired != value) {
         m_paired = value;
         emit pairedChanged();
+        emit connectionProblemChanged();
     }
 }
 

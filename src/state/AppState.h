@@ -29,6 +29,7 @@ class AppState : public QObject {
                    NOTIFY requireWriteApprovalChanged)
     Q_PROPERTY(QString apiBase READ apiBase CONSTANT)
     Q_PROPERTY(QString fileAccessText READ fileAccessText NOTIFY fileAccessChanged)
+    Q_PROPERTY(QString connectionProblem READ connectionProblem NOTIFY connectionProblemChanged)
 
 public:
     ~AppState() override;
@@ -59,6 +60,8 @@ public:
     QString apiBase() const { return m_apiBase; }
     // How the file tools are kept inside the shared folders, in one line for the user.
     QString fileAccessText() const;
+    // Why the bridge is not connected, in plain words; empty while connected or not paired.
+    QString connectionProblem() const;
 
     // Told after every change made here. Set by the tray menu.
     std::function<void()> onChange;
@@ -95,6 +98,7 @@ signals:
     void pairErrorChanged();
     void requireWriteApprovalChanged();
     void fileAccessChanged();
+    void connectionProblemChanged();
 
 private:
     AppState();

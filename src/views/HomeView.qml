@@ -97,15 +97,31 @@ Item {
                         color: AppState.online ? Theme.brand : Theme.secondary
                     }
                 }
-                Text {
-                    objectName: "statusCardText"
+                Column {
                     width: statusCard.availableWidth - 36
-                    text: AppState.online
-                          ? "Your agents can reach the folders below. Every write asks for approval."
-                          : "Reconnecting to Quillmar — your shared folders resume automatically."
-                    color: Theme.secondary
-                    font.pointSize: Typography.points(12.5)
-                    wrapMode: Text.WordWrap
+                    spacing: 4
+
+                    Text {
+                        objectName: "statusCardText"
+                        width: parent.width
+                        text: AppState.online
+                              ? "Your agents can reach the folders below. Every write asks for approval."
+                              : "Reconnecting to Quillmar — your shared folders resume automatically."
+                        color: Theme.secondary
+                        font.pointSize: Typography.points(12.5)
+                        wrapMode: Text.WordWrap
+                    }
+                    // Why it is not connected, when the bridge knows.
+                    Text {
+                        objectName: "problemText"
+                        width: parent.width
+                        visible: text.length > 0
+                        text: AppState.connectionProblem
+                        color: Theme.red
+                        font.pointSize: Typography.points(12)
+                        wrapMode: Text.WordWrap
+                        Accessible.name: text
+                    }
                 }
             }
         }

@@ -218,8 +218,8 @@ class ConnectionFaultsTest : public QObject {
               static_cast<long long>(companion->lineTime(back) - episode.cutAt));
     }
 
-    // The companion's lines after its first greeting are exactly the episodes' announcements,
-    // and each announced wait lasted that long.
+    // The companion's status lines after its first greeting are exactly the episodes'
+    // announcements, each announced wait lasted that long, and every other line says why.
     void checkCompanionSide() {
         QStringList expected;
         for (const Episode& episode : std::as_const(episodes)) {
@@ -229,15 +229,32 @@ class ConnectionFaultsTest : public QObject {
             expected << connected;
         }
         const QStringList lines = companion->lines();
-        QCOMPARE(lines.mid(greetedLine + 1), expected);
+        QStringList statuses;
+        QList<qsizetype> statusAt;
+        QStringList reasons;
+        for (qsizetype i = greetedLine + 1; i < lines.size(); ++i) {
+            if (lines[i] == connecting || lines[i] == connected ||
+                lines[i].startsWith(u"Reconnecting in ")) {
+                statuses << lines[i];
+                statusAt << i;
+            } else {
+                reasons << lines[i];
+            }
+        }
+        QCOMPARE(statuses, expected);
+        QVERIFY2(!reasons.isEmpty(), "no reason was given for any of the failures");
+        for (const QString& reason : std::as_const(reasons)) {
+            QVERIFY2(reason.endsWith(u'.') && reason.size() > 10, qPrintable(reason));
+        }
 
         QStringList measured;
-        for (qsizetype i = greetedLine + 1; i + 1 < lines.size(); ++i) {
-            if (!lines[i].startsWith(u"Reconnecting in ")) {
+        for (qsizetype k = 0; k + 1 < statuses.size(); ++k) {
+            if (!statuses[k].startsWith(u"Reconnecting in ")) {
                 continue;
             }
-            const qint64 announced = lines[i].mid(16).section(u's', 0, 0).toLongLong() * 1000;
-            const qint64 waited = companion->lineTime(i + 1) - companion->lineTime(i);
+            const qint64 announced = statuses[k].mid(16).section(u's', 0, 0).toLongLong() * 1000;
+            const qint64 waited =
+                companion->lineTime(statusAt[k + 1]) - companion->lineTime(statusAt[k]);
             measured << QStringLiteral("%1→%2").arg(announced / 1000).arg(waited);
             QVERIFY2(
                 within(waited, announced - earlyMs, announced + lateMs),

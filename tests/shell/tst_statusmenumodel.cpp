@@ -141,6 +141,22 @@ private slots:
         QCOMPARE(model.symbolName, QStringLiteral("externaldrive"));
     }
 
+    void offlineMenuSaysWhyOnALineOfItsOwn() {
+        const QString why = QStringLiteral("The service's certificate is not trusted.");
+        const StatusMenuModel model = StatusMenuModel::build(
+            false, true, QStringLiteral("Reconnecting in 8s\u2026"), {}, true, why);
+        QCOMPARE(model.items.at(1).title, why);
+        QVERIFY(!model.items.at(1).enabled);
+        QVERIFY(model.items.at(2).separator);
+        QCOMPARE(model.toolTip(),
+                 QStringLiteral("Quillmar OS\nQuillmar OS — Reconnecting in 8s\u2026\n") + why);
+        // Online, there is nothing to explain.
+        const StatusMenuModel online = StatusMenuModel::build(
+            true, true, QStringLiteral("Connected to Quillmar"), {}, true, why);
+        QVERIFY(online.problem.isEmpty());
+        QVERIFY(online.items.at(1).separator);
+    }
+
     void offlineHeaderTakesAnyTextAsItStands() {
         QCOMPARE(StatusMenuModel::build(false, true, QString(), {}, true).header,
                  QStringLiteral("Quillmar OS — "));

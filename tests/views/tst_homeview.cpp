@@ -1,5 +1,6 @@
 #include "AppSettings.h"
 #include "AppState.h"
+#include "BridgeClient.h"
 #include "OnboardingStep.h"
 #include "ViewHarness.h"
 
@@ -66,6 +67,29 @@ private slots:
         harness.reportStatus(false, QStringLiteral("Bad API URL"));
         QCOMPARE(harness.value(QStringLiteral("connectionText"), "text").toString(),
                  QStringLiteral("Bad API URL"));
+    }
+
+    void offlineCardSaysWhyWhenTheBridgeKnows() {
+        ViewHarness harness;
+        AppState& state = startPaired(harness);
+        QVERIFY(!harness.value(QStringLiteral("problemText"), "visible").toBool());
+        // A service that turns the device token down, as it does for a device removed from it.
+        harness.service().respond(401, QByteArray());
+        state.bridge().connect(QStringLiteral("tok-stored"), state.apiBase());
+        QTRY_COMPARE(harness.value(QStringLiteral("problemText"), "text").toString(),
+                     QStringLiteral("The service refused this computer's token \u2014 pair it "
+                                    "again."));
+        QVERIFY(harness.value(QStringLiteral("problemText"), "visible").toBool());
+        QCOMPARE(
+            harness.value(QStringLiteral("statusCardText"), "text").toString(),
+            QStringLiteral("Reconnecting to Quillmar — your shared folders resume automatically."));
+        QVERIFY(harness.value(QStringLiteral("connectionText"), "text")
+                    .toString()
+                    .startsWith(QStringLiteral("Reconnecting in ")));
+        // Gone once connected, and after unpairing.
+        harness.reportStatus(true, QStringLiteral("Connected to Quillmar"));
+        QVERIFY(!harness.value(QStringLiteral("problemText"), "visible").toBool());
+        state.bridge().disconnect();
     }
 
     void noFoldersShowsOnePlaceholderCardUntilTheFirstIsAdded() {
