@@ -484,8 +484,10 @@ void FileWorker::flush(quint64 generation) {
     Instance& instance = *m_instance;
     qsizetype sent = 0;
     while (sent < instance.output.size()) {
-        const ssize_t n = ::write(instance.socket, instance.output.constData() + sent,
-                                  std::size_t(instance.output.size() - sent));
+        // A worker that has just died must fail the write, not raise SIGPIPE in whatever
+        // process hosts this class.
+        const ssize_t n = ::send(instance.socket, instance.output.constData() + sent,
+                                 std::size_t(instance.output.size() - sent), MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) {
             continue;
         }
