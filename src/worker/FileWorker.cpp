@@ -254,8 +254,16 @@ QCoro::Task<ToolResult> FileWorker::runOne(QString method, QJsonObject params) {
             }
             askingMs += asking.elapsed();
             // A worker that went away while the user was asked takes the answer with it.
-            if (!m_instance || m_instance->generation != generation || m_instance->ended) {
+            if (!m_instance || m_instance->generation != generation) {
                 co_return failure(lostMessage());
+            }
+            if (m_instance->ended) {
+                // Reported here, as when it ends while working: it was busy when it ended.
+                const ToolResult lost = failure(lostMessage());
+                const QString reason = m_instance->endReason;
+                m_instance.reset();
+                emit workerLost(reason);
+                co_return lost;
             }
             send(WorkerProtocol::Kind::Answer,
                  allowed ? QByteArrayView("\x01", 1) : QByteArrayView("\x00", 1));

@@ -328,6 +328,7 @@ private slots:
         QVERIFY(QTest::qWaitFor([&] { return !questions.isEmpty(); }, 10000));
         const qint64 pid = worker->processId();
         QVERIFY(pid > 0);
+        QSignalSpy lost(worker.get(), &FileWorker::workerLost);
         QCOMPARE(::kill(pid_t(pid), SIGKILL), 0);
         // The companion has seen it end before the user answers.
         QVERIFY(QTest::qWaitFor([&] { return worker->processId() == 0; }, 5000));
@@ -338,6 +339,8 @@ private slots:
         QCOMPARE(waitFor(answer), errorOnly(killedMidCall));
         QVERIFY(!QFile::exists(tree->path(QStringLiteral("Docs/asked.txt"))));
         QCOMPARE(questions.size(), 1);
+        QCOMPARE(lost.size(), 1);
+        QCOMPARE(lost.front().front().toString(), QStringLiteral("stopped by signal 9"));
 
         allow = true;
         QCOMPARE(call(*worker, QStringLiteral("local_write_file"),
