@@ -108,8 +108,11 @@ void AppState::initialise() {
         emit fileAccessChanged();
         notify();
     });
-    m_bridge->dispatcher = [worker = m_worker.get()](QString method, QJsonObject params,
-                                                     QList<SharedFolder>) {
+    m_bridge->dispatcher = [self, worker = m_worker.get()](QString method, QJsonObject params,
+                                                           QList<SharedFolder>) {
+        if (self) {
+            self->m_callConnection = self->m_bridge->connectionId();
+        }
         return worker->run(std::move(method), std::move(params));
     };
     m_bridge->foldersProvider = [self] { return self ? self->m_folders : QList<SharedFolder>{}; };
@@ -258,7 +261,9 @@ QCoro::Task<bool> AppState::requestWriteApproval(QString path, qint64 bytes) {
 
 QCoro::Task<bool> AppState::approveAgentWrite(QString path, qint64 bytes) {
     const QPointer<AppState> self(this);
-    const quint64 connection = m_bridge->connectionId();
+    // The socket the call came over, not the one open when the worker asks: the bridge may
+    // have reconnected while the call waited in the worker.
+    const quint64 connection = m_callConnection;
     const bool allowed = co_await requestWriteApproval(std::move(path), bytes);
     // The service asked over a socket that has gone since: nobody waits for this write any
     // more, and a late "Allow" must not make it happen.

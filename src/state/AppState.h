@@ -122,4 +122,6 @@ private:
     QString m_apiBase;
     std::unique_ptr<BridgeClient> m_bridge;
     std::unique_ptr<FileWorker> m_worker;
+    // The bridge socket the call in progress came over (calls come one at a time).
+    quint64 m_callConnection = 0;
 };

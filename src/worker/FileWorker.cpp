@@ -258,8 +258,16 @@ QCoro::Task<ToolResult> FileWorker::runOne(QString method, QJsonObject params) {
             }
             askingMs += asking.elapsed();
             // A worker that went away while the user was asked takes the answer with it.
-            if (!m_instance || m_instance->generation != generation || m_instance->ended) {
+            if (!m_instance || m_instance->generation != generation) {
                 co_return failure(lostMessage());
+            }
+            if (m_instance->ended) {
+                // Reported here, as when it ends while working: it was busy when it ended.
+                const ToolResult lost = failure(lostMessage());
+                const QString reason = m_instance->endReason;
+                m_instance.reset();
+                emit workerLost(reason);
+                co_return lost;
             }
             send(WorkerProtocol::Kind::Answer,
                  allowed ? QByteArrayView("\x01", 1) : QByteArrayView("\x00", 1));
@@ -488,8 +496,10 @@ void FileWorker::flush(quint64 generation) {
     Instance& instance = *m_instance;
     qsizetype sent = 0;
     while (sent < instance.output.size()) {
-        const ssize_t n = ::write(instance.socket, instance.output.constData() + sent,
-                                  std::size_t(instance.output.size() - sent));
+        // A worker that has just died must fail the write, not raise SIGPIPE in whatever
+        // process hosts this class.
+        const ssize_t n = ::send(instance.socket, instance.output.constData() + sent,
+                                 std::size_t(instance.output.size() - sent), MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) {
             continue;
         }

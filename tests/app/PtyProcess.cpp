@@ -103,6 +103,16 @@ bool PtyProcess::waitForOutput(const QByteArray& text, int timeoutMs) {
     return true;
 }
 
+bool PtyProcess::readAvailable() {
+    for (qsizetype before = -1; before != m_output.size();) {
+        before = m_output.size();
+        if (!readSome(0)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 bool PtyProcess::type(const QByteArray& bytes) {
     return m_master >= 0 &&
            ::write(m_master, bytes.constData(), size_t(bytes.size())) == ssize_t(bytes.size());

@@ -24,6 +24,8 @@ public:
 
     // Reads until the screen output (line ends as "\n") contains `text`.
     bool waitForOutput(const QByteArray& text, int timeoutMs = 20000);
+    // Takes in what the terminal shows by now, without waiting; false at the end of the output.
+    bool readAvailable();
     // Types `bytes` on the terminal.
     bool type(const QByteArray& bytes);
     // Reads to the end and gives the exit code; -1 when the child did not end in time (it is

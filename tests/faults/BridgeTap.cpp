@@ -72,6 +72,25 @@ int BridgeTap::openConnections() const {
     return open;
 }
 
+qint64 BridgeTap::pingCompanion(qsizetype index, const QByteArray& payload) {
+    if (index < 0 || index >= qsizetype(m_links.size()) || payload.size() > 125) {
+        return -1;
+    }
+    Link& link = *m_links[std::size_t(index)];
+    if (link.ended || !link.answer.betweenFrames() ||
+        link.companion->state() != QAbstractSocket::ConnectedState) {
+        return -1;
+    }
+    // A final, unmasked ping frame: the service's side never masks.
+    QByteArray frame;
+    frame.append(char(0x89));
+    frame.append(char(payload.size()));
+    frame.append(payload);
+    link.companion->write(frame);
+    link.companion->flush();
+    return now();
+}
+
 void BridgeTap::accept() {
     while (QTcpSocket* companion = m_server.nextPendingConnection()) {
         auto link = std::make_unique<Link>();

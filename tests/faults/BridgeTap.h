@@ -63,6 +63,12 @@ public:
     const QList<Connection>& connections() const { return m_connections; }
     int openConnections() const;
 
+    // Sends a WebSocket ping to the companion on connection `index`, as the service could, but
+    // only between two of the service's frames so that its stream stays well-formed. It is not
+    // recorded; the companion's pong is (opcode 10, the same payload) and reaches the service,
+    // which takes an unasked pong as a heartbeat. When it was sent, -1 when it could not be.
+    qint64 pingCompanion(qsizetype index, const QByteArray& payload);
+
     // Milliseconds on the system's monotonic clock, shared by every observer in the test.
     static qint64 now();
 

@@ -28,6 +28,10 @@ public:
     QList<Message> takeMessages();
     // A frame that breaks the protocol was seen; nothing after it is read.
     bool broken() const { return m_broken; }
+    // Frames flow and none is half seen: a frame of another sender may go in here.
+    bool betweenFrames() const {
+        return m_headDone && m_framesFollow && !m_broken && m_offset == m_buffer.size();
+    }
 
 private:
     void readHead();
