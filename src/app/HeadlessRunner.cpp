@@ -2,49 +2,55 @@
 
 #include "AppState.h"
 #include "BridgeClient.h"
+#include "QuitOnSignals.h"
+#include "SingleInstance.h"
+#include "StateAnnouncer.h"
 #include "TerminalApprovalPrompt.h"
 
 #include <QCoreApplication>
-#include <QSocketNotifier>
-
-#include <csignal>
-
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
-int signalPipe[2] = {-1, -1};
-
-void forwardSignal(int) {
-    const char byte = 1;
-    [[maybe_unused]] const ssize_t ignored = ::write(signalPipe[1], &byte, 1);
+QString runningElsewhereText(const SingleInstance& instance) {
+    const QString mode = instance.runningMode() == u"headless"
+                             ? QStringLiteral("quillmar-companion --headless")
+                             : QStringLiteral("the desktop companion, in the tray");
+    return QStringLiteral("a Quillmar companion is already running (%1, process %2) and keeps "
+                          "the connection; stop it first.")
+        .arg(mode)
+        .arg(instance.runningProcess());
 }
 
 } // namespace
 
 int HeadlessRunner::run(QTextStream& out, QTextStream& err) {
-    // A signal handler may only write; the event loop picks the byte up and quits.
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0) {
+    // Two companions for one account would knock each other's connection off.
+    SingleInstance instance;
+    switch (instance.start(std::chrono::seconds(5), SingleInstance::Launch::Headless)) {
+    case SingleInstance::Role::HandedOver:
+    case SingleInstance::Role::RunningElsewhere:
+        err << "quillmar-companion: " << runningElsewhereText(instance) << "\n" << Qt::flush;
+        return 1;
+    case SingleInstance::Role::Unanswered:
+        err << "quillmar-companion: a Quillmar companion is already running but does not "
+               "answer.\n"
+            << Qt::flush;
+        return 1;
+    case SingleInstance::Role::Primary:
+    case SingleInstance::Role::Alone:
+        break;
+    }
+    instance.setMode(QStringLiteral("headless"));
+    QuitOnSignals quitOnSignals;
+    if (!quitOnSignals.active()) {
         err << "quillmar-companion: cannot set up signal handling\n" << Qt::flush;
         return 1;
     }
-    QSocketNotifier signalNotifier(signalPipe[0], QSocketNotifier::Read);
-    QObject::connect(&signalNotifier, &QSocketNotifier::activated, [] {
-        char byte = 0;
-        [[maybe_unused]] const ssize_t ignored = ::read(signalPipe[0], &byte, 1);
-        QCoreApplication::quit();
-    });
-    struct sigaction action {};
-    action.sa_handler = forwardSignal;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART;
-    ::sigaction(SIGINT, &action, nullptr);
-    ::sigaction(SIGTERM, &action, nullptr);
 
     ApprovalPrompt::install(std::make_shared<TerminalApprovalPrompt>());
 
     AppState& state = AppState::shared();
+    StateAnnouncer announcer(state, instance);
     QString lastStatus;
     QString lastProblem;
     state.onChange = [&] {

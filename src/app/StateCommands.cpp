@@ -1,10 +1,12 @@
 #include "StateCommands.h"
 
 #include "AppState.h"
+#include "SingleInstance.h"
 
 #include <QCoroTask>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonObject>
 
 namespace {
 
@@ -23,6 +25,11 @@ AppState& offlineState() {
     return AppState::shared();
 }
 
+// A running companion reads what a command changed at once, instead of at its next start.
+void tellRunningCompanion() {
+    SingleInstance::ask(SingleInstance::defaultDirectory(), QByteArrayLiteral("reload"));
+}
+
 } // namespace
 
 int StateCommands::pair(const QStringList& arguments, QTextStream& out, QTextStream& err) {
@@ -35,6 +42,7 @@ int StateCommands::pair(const QStringList& arguments, QTextStream& out, QTextStr
         err << state.pairErrorText() << "\n" << Qt::flush;
         return 1;
     }
+    tellRunningCompanion();
     out << "Paired with " << state.apiBase() << "\n" << Qt::flush;
     return 0;
 }
@@ -46,6 +54,7 @@ int StateCommands::unpair(const QStringList& arguments, QTextStream& out, QTextS
     AppState& state = offlineState();
     const bool wasPaired = state.paired();
     QCoro::waitFor(state.unpairAndWait());
+    tellRunningCompanion();
     out << (wasPaired ? "Unpaired\n" : "Not paired\n") << Qt::flush;
     return 0;
 }
@@ -56,6 +65,23 @@ int StateCommands::status(const QStringList& arguments, QTextStream& out, QTextS
     }
     const AppState& state = offlineState();
     out << "Paired: " << (state.paired() ? "yes" : "no") << "\n";
+    // The running companion, if any, tells how its connection is doing.
+    if (const std::optional<QJsonObject> running =
+            SingleInstance::ask(SingleInstance::defaultDirectory(), QByteArrayLiteral("status"))) {
+        const QJsonObject now = running->value(QStringLiteral("state")).toObject();
+        out << "Running: "
+            << (running->value(QStringLiteral("mode")).toString() == u"headless"
+                    ? QStringLiteral("headless")
+                    : QStringLiteral("in the tray"))
+            << " (process " << running->value(QStringLiteral("pid")).toInteger() << ")\n";
+        out << "Connection: " << now.value(QStringLiteral("status")).toString() << "\n";
+        const QString problem = now.value(QStringLiteral("problem")).toString();
+        if (!problem.isEmpty()) {
+            out << "Why: " << problem << "\n";
+        }
+    } else {
+        out << "Running: no\n";
+    }
     out << "API: " << state.apiBase() << "\n";
     out << "Ask before writing files: " << (state.requireWriteApproval() ? "on" : "off") << "\n";
     out << state.fileAccessText() << "\n";
@@ -89,6 +115,7 @@ int StateCommands::folders(const QStringList& arguments, QTextStream& out, QText
         }
         const SharedFolder added =
             offlineState().addFolderAt(QDir::cleanPath(info.absoluteFilePath()));
+        tellRunningCompanion();
         out << added.name << "\n" << Qt::flush;
         return 0;
     }
@@ -98,6 +125,7 @@ int StateCommands::folders(const QStringList& arguments, QTextStream& out, QText
             if (folder.name == arguments[1]) {
                 const SharedFolder removed = folder;
                 state.removeFolder(removed);
+                tellRunningCompanion();
                 out << "Stopped sharing " << removed.name << "\n" << Qt::flush;
                 return 0;
             }
@@ -113,6 +141,7 @@ int StateCommands::approval(const QStringList& arguments, QTextStream& out, QTex
     }
     const bool on = arguments[0] == u"on";
     offlineState().storeRequireWriteApproval(on);
+    tellRunningCompanion();
     out << "Ask before writing files: " << (on ? "on" : "off") << "\n" << Qt::flush;
     return 0;
 }

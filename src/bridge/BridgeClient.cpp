@@ -263,6 +263,8 @@ QCoro::Task<> BridgeClient::handle(QByteArray text) {
 
 QCoro::Task<> BridgeClient::handleCall(QJsonObject frame) {
     const QPointer<BridgeClient> self(this);
+    // The answer belongs to the connection the call came over; another one never gets it.
+    const quint64 connection = connectionId();
     // Wrong types count as absent: toString() and toObject() give "" and {} for them.
     const QString reqId = frame.value(QStringLiteral("req_id")).toString();
     const QString method = frame.value(QStringLiteral("method")).toString();
@@ -277,7 +279,10 @@ QCoro::Task<> BridgeClient::handleCall(QJsonObject frame) {
     if (!self) {
         co_return;
     }
-    // Dropped when the socket went away while the tool ran.
+    // Dropped when the socket went away while the tool ran, even if another replaced it.
+    if (connectionId() != connection) {
+        co_return;
+    }
     sendResult(reqId, result);
 }
 

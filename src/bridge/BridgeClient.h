@@ -66,6 +66,9 @@ public:
     // hello.
     const ConnectionProblem& problem() const { return m_problem; }
 
+    // The device token it connects with (empty before connect()).
+    const QString& token() const { return m_token; }
+
     // Names the socket now open (a new number for each socket), 0 when there is none. An answer
     // the user gives after the socket that brought the question went away must not count.
     quint64 connectionId() const;

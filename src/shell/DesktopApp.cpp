@@ -3,13 +3,18 @@
 #include "ActivationPolicy.h"
 #include "AppDelegate.h"
 #include "AppIdentity.h"
+#include "AppState.h"
 #include "ApprovalPrompt.h"
+#include "BridgeClient.h"
 #include "FileDialogFolderChooser.h"
 #include "FolderChooser.h"
 #include "MessageBoxApprovalPrompt.h"
+#include "QuitOnSignals.h"
 #include "SingleInstance.h"
+#include "StateAnnouncer.h"
 
 #include <QApplication>
+#include <QMessageBox>
 #include <QTextStream>
 
 #include <cstdio>
@@ -26,9 +31,19 @@ int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow) {
     QApplication::setQuitOnLastWindowClosed(false);
 
     SingleInstance instance;
-    switch (instance.start()) {
+    switch (instance.start(std::chrono::seconds(5), SingleInstance::Launch::Desktop)) {
     case SingleInstance::Role::HandedOver:
         return 0;
+    case SingleInstance::Role::RunningElsewhere: {
+        // Launched from a menu there is no terminal to read stderr: say it in a window too,
+        // where there is a screen to show one.
+        const QString text = runningElsewhereText(instance.runningProcess());
+        QTextStream(stderr) << text << "\n" << Qt::flush;
+        if (QGuiApplication::platformName() != u"offscreen") {
+            QMessageBox::information(nullptr, displayName(), text);
+        }
+        return 1;
+    }
     case SingleInstance::Role::Unanswered:
         QTextStream(stderr) << "Quillmar OS is already running but does not answer.\n";
         return 1;
@@ -36,6 +51,9 @@ int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow) {
     case SingleInstance::Role::Alone:
         break;
     }
+    instance.setMode(QStringLiteral("desktop"));
+    // Logging out or `kill` ends the loop, so that the bridge is closed properly below.
+    QuitOnSignals quitOnSignals;
 
     ApprovalPrompt::install(std::make_shared<MessageBoxApprovalPrompt>());
     FolderChooser::install(std::make_shared<FileDialogFolderChooser>());
@@ -47,5 +65,17 @@ int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow) {
     // Before the event loop runs: launching may wait for the secret store, and that wait must
     // not sit inside a running loop.
     delegate.applicationDidFinishLaunching();
-    return QApplication::exec();
+    AppState& state = AppState::shared();
+    StateAnnouncer announcer(state, instance);
+    const int status = QApplication::exec();
+    // A normal close frame, not a connection that just drops.
+    state.bridge().disconnect();
+    return status;
+}
+
+QString DesktopApp::runningElsewhereText(qint64 process) {
+    return QStringLiteral("Quillmar OS is already running without a window (quillmar-companion "
+                          "--headless, process %1), and it keeps the connection. Stop it to use "
+                          "the window and the tray.")
+        .arg(process);
 }

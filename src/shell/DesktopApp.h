@@ -9,8 +9,9 @@
 
 // The desktop companion's entry point: the tray application that runs when the executable is
 // started without arguments. Makes the QApplication, hands over to a companion that is already
-// running (exit code 0), installs the alert and the folder dialog as the state's prompts, and
-// runs the AppDelegate until "Quit Quillmar OS".
+// running (exit code 0; a --headless one cannot show a window, which is said, exit code 1),
+// installs the alert and the folder dialog as the state's prompts, and runs the AppDelegate
+// until "Quit Quillmar OS" or a signal to stop; the bridge is then closed properly.
 class DesktopApp {
 public:
     using WindowFactory = std::function<std::unique_ptr<WindowPresenter>()>;
@@ -21,4 +22,6 @@ public:
 
     // The name shown for the application (window titles, the alert).
     static QString displayName();
+    // What a desktop launch says when a companion without a window already runs.
+    static QString runningElsewhereText(qint64 process);
 };

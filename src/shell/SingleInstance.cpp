@@ -2,8 +2,10 @@
 
 #include "AppIdentity.h"
 
+#include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QJsonDocument>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QLockFile>
@@ -14,6 +16,33 @@ namespace {
 
 // A later launch says one short line; anything longer is not ours.
 constexpr qint64 longestMessage = 64;
+// The running companion's answer, one JSON line.
+constexpr qint64 longestAnswer = 64 * 1024;
+
+// Sends one request line and reads the one-line answer: nothing when no companion took the
+// request, an empty answer when one took it without answering.
+std::optional<QByteArray> exchange(const QString& path, const QByteArray& request,
+                                   std::chrono::milliseconds timeout) {
+    QLocalSocket socket;
+    socket.connectToServer(path);
+    const QDeadlineTimer deadline(timeout);
+    if (!socket.waitForConnected(int(timeout.count()))) {
+        return std::nullopt;
+    }
+    socket.write(request);
+    if (!socket.waitForBytesWritten(int(std::max<qint64>(deadline.remainingTime(), 100)))) {
+        return std::nullopt;
+    }
+    while (!socket.canReadLine() && socket.state() == QLocalSocket::ConnectedState &&
+           socket.bytesAvailable() < longestAnswer && !deadline.hasExpired()) {
+        socket.waitForReadyRead(int(std::max<qint64>(deadline.remainingTime(), 1)));
+    }
+    // Taken but not answered (in time): a companion from before answers existed, or one busy.
+    if (!socket.canReadLine()) {
+        return QByteArray();
+    }
+    return socket.readLine(longestAnswer).trimmed();
+}
 
 } // namespace
 
@@ -43,7 +72,7 @@ QString SingleInstance::lockPath() const {
     return m_directory + u'/' + AppIdentity::id() + QStringLiteral(".lock");
 }
 
-SingleInstance::Role SingleInstance::start(std::chrono::milliseconds patience) {
+SingleInstance::Role SingleInstance::start(std::chrono::milliseconds patience, Launch launch) {
     if (m_directory.isEmpty() || !QDir(m_directory).exists()) {
         return Role::Alone;
     }
@@ -61,14 +90,26 @@ SingleInstance::Role SingleInstance::start(std::chrono::milliseconds patience) {
             // No lock can be made here (permissions, a full disk); a companion that listens
             // anyway still gets the message, otherwise this one runs by itself.
             m_lock.reset();
-            return handOver(std::chrono::milliseconds(500)) ? Role::HandedOver : Role::Alone;
+            switch (handOver(std::chrono::milliseconds(500), launch)) {
+            case Answer::Shown:
+                return Role::HandedOver;
+            case Answer::Elsewhere:
+                return Role::RunningElsewhere;
+            case Answer::None:
+                return Role::Alone;
+            }
         }
         // Held by a running companion, which may not listen yet if it has just started.
         const auto attempt = std::min<std::chrono::milliseconds>(
             std::chrono::milliseconds(500),
             std::chrono::milliseconds(std::max<qint64>(0, deadline.remainingTime())));
-        if (handOver(attempt)) {
+        switch (handOver(attempt, launch)) {
+        case Answer::Shown:
             return Role::HandedOver;
+        case Answer::Elsewhere:
+            return Role::RunningElsewhere;
+        case Answer::None:
+            break;
         }
         if (deadline.hasExpired()) {
             return Role::Unanswered;
@@ -92,18 +133,56 @@ bool SingleInstance::listen() {
     return true;
 }
 
-bool SingleInstance::handOver(std::chrono::milliseconds timeout) {
-    QLocalSocket socket;
-    socket.connectToServer(socketPath(), QIODevice::WriteOnly);
-    if (!socket.waitForConnected(int(timeout.count()))) {
-        return false;
+SingleInstance::Answer SingleInstance::handOver(std::chrono::milliseconds timeout, Launch launch) {
+    // A desktop launch asks for the window; a --headless one only asks who runs.
+    const std::optional<QByteArray> reply =
+        exchange(socketPath(), launch == Launch::Desktop ? reopenMessage() : QByteArray("status\n"),
+                 timeout);
+    if (!reply) {
+        return Answer::None;
     }
-    socket.write(reopenMessage());
-    if (!socket.waitForBytesWritten(int(std::max<qint64>(timeout.count(), 100)))) {
-        return false;
+    const QJsonObject running = QJsonDocument::fromJson(*reply).object();
+    m_runningMode = running.value(QStringLiteral("mode")).toString(QStringLiteral("desktop"));
+    m_runningProcess = running.value(QStringLiteral("pid")).toInteger();
+    // A companion that closes without answering is one that showed its window.
+    if (launch == Launch::Desktop &&
+        (reply->isEmpty() || running.value(QStringLiteral("shown")).toBool())) {
+        return Answer::Shown;
     }
-    socket.disconnectFromServer();
-    return true;
+    return Answer::Elsewhere;
+}
+
+std::optional<QJsonObject> SingleInstance::ask(const QString& directory, const QByteArray& request,
+                                               std::chrono::milliseconds timeout) {
+    if (directory.isEmpty()) {
+        return std::nullopt;
+    }
+    const SingleInstance paths(directory);
+    const std::optional<QByteArray> reply =
+        exchange(paths.socketPath(), request.trimmed() + '\n', timeout);
+    if (!reply || reply->isEmpty()) {
+        return std::nullopt;
+    }
+    return QJsonDocument::fromJson(*reply).object();
+}
+
+QByteArray SingleInstance::answer(const QByteArray& request) {
+    QJsonObject reply{{QStringLiteral("mode"), m_mode},
+                      {QStringLiteral("pid"), QCoreApplication::applicationPid()}};
+    if (request == reopenMessage()) {
+        const bool shown = m_mode == u"desktop";
+        reply.insert(QStringLiteral("shown"), shown);
+        if (shown) {
+            emit reopenRequested();
+        }
+    } else if (request == "status\n") {
+        reply.insert(QStringLiteral("state"), m_state);
+    } else if (request == "reload\n") {
+        emit reloadRequested();
+    } else {
+        return QByteArray();
+    }
+    return QJsonDocument(reply).toJson(QJsonDocument::Compact) + '\n';
 }
 
 void SingleInstance::acceptConnections() {
@@ -117,10 +196,9 @@ void SingleInstance::acceptConnections() {
                 return;
             }
             const QByteArray line = socket->readLine(longestMessage);
+            socket->write(answer(line));
+            socket->flush();
             socket->disconnectFromServer();
-            if (line == reopenMessage()) {
-                emit reopenRequested();
-            }
         };
         connect(socket, &QLocalSocket::readyRead, this, readMessage);
         // The whole line may have arrived with the connection.

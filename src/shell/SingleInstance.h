@@ -1,7 +1,11 @@
 #pragma once
 
+#include <QByteArray>
+#include <QJsonObject>
 #include <QObject>
 #include <QString>
+
+#include <optional>
 
 #include <chrono>
 #include <memory>
@@ -9,12 +13,16 @@
 class QLocalServer;
 class QLockFile;
 
-// One running companion per user. The first launch takes a lock file and listens on a local
-// socket in the user's runtime folder ($XDG_RUNTIME_DIR, private to the user, so two users on
-// one machine never meet); a later launch finds the lock taken, tells the running one to show
-// its window, and exits. The lock, not the socket, decides who runs: it records the holder's
-// process id, so a lock left behind by a crash is recognised and taken over, and the socket
-// file such a crash leaves is removed by the next holder before it listens.
+// One running companion per user, whatever its mode: two would knock each other's connection off.
+// The first launch takes a lock file and listens on a local socket in the user's runtime folder
+// ($XDG_RUNTIME_DIR, private to the user, so two users on one machine never meet); a later
+// launch finds the lock taken and asks the running one: a desktop companion shows its window
+// and the later launch exits; a companion without a window (--headless) cannot, and says so,
+// and so does any running companion to a later --headless. The lock, not the socket, decides
+// who runs: it records the holder's process id, so a lock left behind by a crash is recognised
+// and taken over, and the socket file such a crash leaves is removed by the next holder before
+// it listens. Commands ask the running companion for its state, and tell it to read its
+// settings again after changing them.
 class SingleInstance : public QObject {
     Q_OBJECT
 
@@ -24,18 +32,42 @@ public:
         Primary,
         // The running companion was told to show its window; this process should exit(0).
         HandedOver,
+        // Another companion runs and keeps the connection (see runningMode(), runningProcess());
+        // this process must not run.
+        RunningElsewhere,
         // A companion holds the lock but never took the message; this process should not run.
         Unanswered,
         // The runtime folder cannot be used; run without the hand-over.
         Alone,
     };
 
+    // How this process would run: a desktop launch hands over to a desktop companion, a
+    // --headless launch to none.
+    enum class Launch { Desktop, Headless };
+
     explicit SingleInstance(QString directory = defaultDirectory(), QObject* parent = nullptr);
     ~SingleInstance() override;
 
     // Decides this process's role. Blocks for at most `patience` while a starting companion
     // begins listening; call it before the event loop runs.
-    Role start(std::chrono::milliseconds patience = std::chrono::seconds(5));
+    Role start(std::chrono::milliseconds patience = std::chrono::seconds(5),
+               Launch launch = Launch::Desktop);
+
+    // After RunningElsewhere: the other companion's mode ("desktop", "headless") and process.
+    QString runningMode() const { return m_runningMode; }
+    qint64 runningProcess() const { return m_runningProcess; }
+
+    // As the running companion: its mode, and its state as commands are to see it (set again
+    // whenever it changes; answered without waiting).
+    void setMode(const QString& mode) { m_mode = mode; }
+    void setState(const QJsonObject& state) { m_state = state; }
+
+    // Asks the companion running for `directory`'s user: "status" gives its mode, process and
+    // state, "reload" makes it read its settings again. Nothing when none runs or it does not
+    // answer within `timeout`.
+    static std::optional<QJsonObject>
+    ask(const QString& directory, const QByteArray& request,
+        std::chrono::milliseconds timeout = std::chrono::seconds(2));
 
     QString directory() const { return m_directory; }
     QString socketPath() const;
@@ -49,13 +81,22 @@ public:
 signals:
     // A later launch asked for the window.
     void reopenRequested();
+    // A command changed the settings, the shared folders or the pairing.
+    void reloadRequested();
 
 private:
+    enum class Answer { None, Shown, Elsewhere };
+
     bool listen();
-    bool handOver(std::chrono::milliseconds timeout);
+    Answer handOver(std::chrono::milliseconds timeout, Launch launch);
     void acceptConnections();
+    QByteArray answer(const QByteArray& request);
 
     QString m_directory;
+    QString m_mode = QStringLiteral("desktop");
+    QJsonObject m_state;
+    QString m_runningMode;
+    qint64 m_runningProcess = 0;
     std::unique_ptr<QLockFile> m_lock;
     QLocalServer* m_server = nullptr;
 };

@@ -29,7 +29,7 @@ QCoro::Task<bool> refuse() {
     co_return false;
 }
 
-QString describe(const std::exception& error) {
+QString describeFailure(const std::exception& error) {
     if (const auto* pairError = dynamic_cast<const PairError*>(&error)) {
         return pairError->description();
     }
@@ -164,7 +164,7 @@ QCoro::Task<> AppState::pairAndWait(QString code) {
         const ClaimResponse response = co_await PairingClient::claim(m_apiBase, code, deviceName);
         token = response.device_token;
     } catch (const std::exception& error) {
-        failure = describe(error);
+        failure = describeFailure(error);
     }
     if (!self) {
         co_return;
@@ -259,6 +259,41 @@ QCoro::Task<bool> AppState::requestWriteApproval(QString path, qint64 bytes) {
     co_return co_await prompt->ask(std::move(path), bytes);
 }
 
+QCoro::Task<> AppState::reloadFromStore() {
+    const QPointer<AppState> self(this);
+    setRequireWriteApproval(AppSettings::boolean(approvalSettingKey()).value_or(true));
+    const QList<SharedFolder> stored = FolderStore::activate(FolderStore::load());
+    if (stored != m_folders) {
+        setFolders(stored);
+    }
+    const std::optional<QString> token = co_await Keychain::loadToken();
+    if (!self) {
+        co_return;
+    }
+    if (token && (!m_paired || *token != m_bridge->token())) {
+        setPaired(true);
+        if (bridgeEnabled) {
+            m_bridge->connect(*token, m_apiBase);
+        }
+    } else if (!token && m_paired) {
+        m_bridge->disconnect();
+        setPaired(false);
+        setOnline(false);
+        setStatusText(QStringLiteral("Not connected"));
+    }
+    notify();
+}
+
+QJsonObject AppState::describe() const {
+    return QJsonObject{{QStringLiteral("paired"), m_paired},
+                       {QStringLiteral("online"), m_online},
+                       {QStringLiteral("status"), m_statusText},
+                       {QStringLiteral("problem"), connectionProblem()},
+                       {QStringLiteral("file_access"), fileAccessText()},
+                       {QStringLiteral("folders"), m_folders.size()},
+                       {QStringLiteral("ask_before_writing"), m_requireWriteApproval}};
+}
+
 QCoro::Task<bool> AppState::approveAgentWrite(QString path, qint64 bytes) {
     const QPointer<AppState> self(this);
     // The socket the call came over, not the one open when the worker asks: the bridge may
@@ -267,7 +302,9 @@ QCoro::Task<bool> AppState::approveAgentWrite(QString path, qint64 bytes) {
     const bool allowed = co_await requestWriteApproval(std::move(path), bytes);
     // The service asked over a socket that has gone since: nobody waits for this write any
     // more, and a late "Allow" must not make it happen.
-    co_return allowed&& self&& connection != 0 && m_bridge->connectionId() == connection;
+    const bool stillWanted = self && connection != 0 && m_bridge->connectionId() == connection;
+    const bool write = allowed && stillWanted;
+    co_return write;
 }
 
 QString AppState::connectionProblem() const {

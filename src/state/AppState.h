@@ -3,6 +3,7 @@
 #include "SharedFolder.h"
 
 #include <QCoroTask>
+#include <QJsonObject>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -81,6 +82,12 @@ public:
     Q_INVOKABLE void removeFolderById(const QString& id);
     // Flips the setting, stores it and tells `onChange` (the tray menu and the window's switch).
     Q_INVOKABLE void storeRequireWriteApproval(bool value);
+
+    // Reads the settings, the shared folders and the pairing again, after a command changed
+    // them; connects or disconnects the bridge when the pairing changed.
+    QCoro::Task<> reloadFromStore();
+    // The state as other processes (status) are to see it.
+    QJsonObject describe() const;
 
     // True when the write may go ahead: at once when approval is off, else the user's answer.
     QCoro::Task<bool> requestWriteApproval(QString path, qint64 bytes);

@@ -206,6 +206,7 @@ private slots:
         QCOMPARE(r.exitCode, 0);
         QCOMPARE(r.err, QByteArray());
         QCOMPARE(QString::fromUtf8(r.out), QStringLiteral("Paired: no\n"
+                                                          "Running: no\n"
                                                           "API: http://127.0.0.1:9\n"
                                                           "Ask before writing files: on\n"
                                                           "File access: confined by the kernel\n"
@@ -233,6 +234,7 @@ private slots:
         QCOMPARE(r.exitCode, 0);
         QVERIFY(!r.out.contains(token) && !r.err.contains(token));
         QCOMPARE(QString::fromUtf8(r.out), QStringLiteral("Paired: yes\n"
+                                                          "Running: no\n"
                                                           "API: http://127.0.0.1:9\n"
                                                           "Ask before writing files: off\n"
                                                           "File access: confined by the kernel\n"
@@ -263,9 +265,9 @@ private slots:
         const CommandRun r = companion({QStringLiteral("status")});
         QCOMPARE(r.exitCode, 0);
         const QList<QByteArray> lines = r.out.split('\n');
-        QCOMPARE(lines.size(), 6);
-        QVERIFY2(lines[1].startsWith("API: https://") && !lines[1].endsWith('/'),
-                 lines[1].constData());
+        QCOMPARE(lines.size(), 7);
+        QVERIFY2(lines[2].startsWith("API: https://") && !lines[2].endsWith('/'),
+                 lines[2].constData());
     }
 
     void autostartWritesAndRemovesTheEntry() {

@@ -338,6 +338,7 @@ private slots:
         QCOMPARE(r.exitCode, 0);
         QCOMPARE(QString::fromUtf8(r.out),
                  QStringLiteral("Paired: no\n"
+                                "Running: no\n"
                                 "API: %1\n"
                                 "Ask before writing files: off\n"
                                 "File access: confined by the kernel\n"
