@@ -7,6 +7,7 @@
 #include <QCoroTimer>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTest>
 #include <QTimer>
 
@@ -245,6 +246,39 @@ private slots:
         QVERIFY(timerRan);
         QVERIFY(result.value(QStringLiteral("success")).toBool());
         QCOMPARE(contents(tree->path(QStringLiteral("Reports/later.txt"))), QByteArray("ok"));
+    }
+
+    void pathOfSixtyThousandFoldersFailsWithoutMakingAny() {
+        // Once a crash (one level of recursion per folder); now refused as the system would,
+        // before a single folder is made.
+        QString path = QStringLiteral("Reports");
+        for (int i = 0; i < 60000; ++i) {
+            path += QStringLiteral("/a");
+        }
+        path += QStringLiteral("/x.txt");
+        const QJsonObject result = write(
+            {{QStringLiteral("path"), path}, {QStringLiteral("content"), QStringLiteral("x")}});
+        QCOMPARE(result, (QJsonObject{{QStringLiteral("error"),
+                                       QStringLiteral("Could not write '") + path + u'\'' +
+                                           QStringLiteral(": File name too long.")}}));
+        QVERIFY(!QFileInfo::exists(tree->path(QStringLiteral("Reports/a"))));
+    }
+
+    void deepestPossibleFolderIsMadeLevelByLevel() {
+        // As deep as a path can name (the whole path under 4096 bytes): every folder is made.
+        QString inner;
+        while (tree->path(QStringLiteral("Reports/")).size() + inner.size() + 20 < 4000) {
+            inner += QStringLiteral("d/");
+        }
+        const QJsonObject result =
+            write({{QStringLiteral("path"),
+                    QStringLiteral("Reports/") + inner + QStringLiteral("deep.txt")},
+                   {QStringLiteral("content"), QStringLiteral("deep")}});
+        QVERIFY2(result.value(QStringLiteral("success")).toBool(),
+                 qPrintable(result.value(QStringLiteral("error")).toString()));
+        QCOMPARE(
+            contents(tree->path(QStringLiteral("Reports/") + inner + QStringLiteral("deep.txt"))),
+            QByteArray("deep"));
     }
 
     void pathIsEchoedAsSent() {
