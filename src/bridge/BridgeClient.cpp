@@ -8,6 +8,7 @@
 #include "Utf8Validator.h"
 #include "WebSocketConnection.h"
 
+#include <QFuture>
 #include <QJsonDocument>
 #include <QJsonParseError>
 #include <QJsonValue>
@@ -59,6 +60,7 @@ void BridgeClient::connect(const QString& token, const QString& apiBase) {
 
 void BridgeClient::disconnect() {
     m_stopped = true;
+    ++m_attempt; // a proxy lookup under way finds nothing to open any more
     cancelTimer(m_reconnectTimer);
     cancelTimer(m_handshakeTimer);
     stopPing();
@@ -108,14 +110,48 @@ void BridgeClient::openSocket() {
 
     if (m_task) {
         closeTask(m_task);
+        m_task = nullptr;
     }
+    m_open = false;
+    const quint64 attempt = ++m_attempt;
+
+    // The whole opening (finding the proxy, TLS, the handshake) gets one time limit.
+    cancelTimer(m_handshakeTimer);
+    m_handshakeTimer =
+        m_scheduler->schedule(requestTimeout, [self = QPointer<BridgeClient>(this), attempt] {
+            if (!self || attempt != self->m_attempt) {
+                return;
+            }
+            self->m_handshakeTimer = 0;
+            if (!self->m_open) {
+                self->attemptFailed(ConnectionProblem(ConnectionProblem::Kind::NoAnswer,
+                                                      QStringLiteral("the opening timed out")));
+            }
+        });
+
+    // Usually known at once; where the desktop's settings decide, found without blocking.
+    QFuture<QNetworkProxy> proxy = ProxyChoice::lookUp(*url);
+    if (proxy.isFinished()) {
+        openThrough(*url, proxy.result());
+    } else {
+        proxy.then(this, [self = QPointer<BridgeClient>(this), attempt,
+                          target = *url](const QNetworkProxy& chosen) {
+            if (self && attempt == self->m_attempt && !self->m_stopped) {
+                self->openThrough(target, chosen);
+            }
+        });
+    }
+    startPing();
+    report(false, connectingText);
+}
+
+void BridgeClient::openThrough(const QUrl& url, const QNetworkProxy& proxy) {
     auto* socket = new WebSocketConnection(this);
     socket->addHeader(QByteArrayLiteral("User-Agent"),
                       QByteArrayLiteral("QuillmarCompanion/0.1 (macOS)"));
-    socket->setProxy(ProxyChoice::forUrl(*url));
+    socket->setProxy(proxy);
     socket->setSslConfiguration(TrustStore::configuration());
     m_task = socket;
-    m_open = false;
     ++m_connectionCount;
     const QPointer<WebSocketConnection> guard(socket);
 
@@ -144,24 +180,17 @@ void BridgeClient::openSocket() {
     QObject::connect(
         socket, &WebSocketConnection::ended, this,
         [this, guard](const ConnectionProblem& problem) { taskFailed(guard, problem); });
+    socket->open(url);
+}
 
-    // The whole opening (proxy, TLS, handshake) gets one time limit.
-    cancelTimer(m_handshakeTimer);
-    m_handshakeTimer =
-        m_scheduler->schedule(requestTimeout, [self = QPointer<BridgeClient>(this), guard] {
-            if (!self) {
-                return;
-            }
-            self->m_handshakeTimer = 0;
-            if (guard && guard == self->m_task && !guard->isOpen()) {
-                self->taskFailed(guard, ConnectionProblem(ConnectionProblem::Kind::NoAnswer,
-                                                          QStringLiteral("the opening timed out")));
-            }
-        });
-
-    socket->open(*url);
-    startPing();
-    report(false, connectingText);
+void BridgeClient::attemptFailed(const ConnectionProblem& problem) {
+    if (m_task) {
+        taskFailed(m_task, problem);
+        return;
+    }
+    // Still looking for the proxy: that lookup's answer will find a newer attempt and be dropped.
+    ++m_attempt;
+    connectionLost(problem);
 }
 
 quint64 BridgeClient::connectionId() const {
@@ -188,6 +217,10 @@ void BridgeClient::taskFailed(WebSocketConnection* socket, const ConnectionProbl
     QObject::disconnect(socket, nullptr, this, nullptr);
     socket->abort();
     socket->deleteLater();
+    connectionLost(problem);
+}
+
+void BridgeClient::connectionLost(const ConnectionProblem& problem) {
     qCInfo(lcBridge) << "connection ended:" << problem.text() << problem.detail();
     // Known before the status is reported, so that whoever shows the status can say why; the
     // change itself is announced after it.

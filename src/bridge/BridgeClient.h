@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 
+class QNetworkProxy;
 class WebSocketConnection;
 
 // The companion's one WebSocket to the service. Opens it from the API base and the device token,
@@ -90,6 +91,9 @@ private:
 
     std::optional<QUrl> wsURL() const;
     void openSocket();
+    void openThrough(const QUrl& url, const QNetworkProxy& proxy);
+    void attemptFailed(const ConnectionProblem& problem);
+    void connectionLost(const ConnectionProblem& problem);
     void closeTask(WebSocketConnection* socket);
     void taskFailed(WebSocketConnection* socket, const ConnectionProblem& problem);
     void enqueue(WebSocketConnection* source, QByteArray text);
@@ -117,6 +121,8 @@ private:
     qint64 m_reconnectAttempt = 0;
     ConnectionProblem m_problem;
     quint64 m_connectionCount = 0;
+    // Each opening's number: a late proxy lookup or time-out of an older one changes nothing.
+    quint64 m_attempt = 0;
     QString m_token;
     QString m_apiBase;
     bool m_stopped = false;

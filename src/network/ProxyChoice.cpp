@@ -3,6 +3,7 @@
 #include <QHostAddress>
 #include <QNetworkProxyFactory>
 #include <QStringList>
+#include <QtConcurrent>
 
 #include <optional>
 
@@ -83,13 +84,17 @@ bool ProxyChoice::exempt(const QString& host, const QString& noProxy) {
     return false;
 }
 
-QNetworkProxy ProxyChoice::forUrl(const QUrl& target, const QProcessEnvironment& environment) {
+namespace {
+
+// What the environment says for `target`: a proxy, none, or nothing (then the desktop decides).
+std::optional<QNetworkProxy> fromEnvironment(const QUrl& target,
+                                             const QProcessEnvironment& environment) {
     const QNetworkProxy none(QNetworkProxy::NoProxy);
     const QString host = target.host();
     if (host.isEmpty() || isLoopback(host)) {
         return none;
     }
-    if (exempt(host, firstSet(environment, {"no_proxy", "NO_PROXY"}))) {
+    if (ProxyChoice::exempt(host, firstSet(environment, {"no_proxy", "NO_PROXY"}))) {
         return none;
     }
     const QString scheme = target.scheme().toLower();
@@ -101,14 +106,20 @@ QNetworkProxy ProxyChoice::forUrl(const QUrl& target, const QProcessEnvironment&
     const QString value =
         chosen.isEmpty() ? firstSet(environment, {"all_proxy", "ALL_PROXY"}) : chosen;
     if (!value.isEmpty()) {
-        return parse(value).value_or(none);
+        return ProxyChoice::parse(value).value_or(none);
     }
-    // Nothing in the environment: the desktop's settings (GNOME, KDE, a PAC file), through Qt.
+    return std::nullopt;
+}
+
+// The desktop's settings (GNOME, KDE, a PAC file), through Qt.
+QNetworkProxy fromDesktop(const QUrl& target) {
+    const QNetworkProxy none(QNetworkProxy::NoProxy);
+    const QString scheme = target.scheme().toLower();
     QNetworkProxyQuery query(target);
     if (scheme == u"wss" || scheme == u"ws") {
-        // Ask as for the web address the connection starts as.
+        // Asked as for the web address the connection starts as.
         QUrl web = target;
-        web.setScheme(secure ? QStringLiteral("https") : QStringLiteral("http"));
+        web.setScheme(scheme == u"wss" ? QStringLiteral("https") : QStringLiteral("http"));
         query = QNetworkProxyQuery(web);
     }
     for (const QNetworkProxy& proxy : QNetworkProxyFactory::systemProxyForQuery(query)) {
@@ -121,4 +132,21 @@ QNetworkProxy ProxyChoice::forUrl(const QUrl& target, const QProcessEnvironment&
         }
     }
     return none;
+}
+
+} // namespace
+
+QNetworkProxy ProxyChoice::forUrl(const QUrl& target, const QProcessEnvironment& environment) {
+    if (std::optional<QNetworkProxy> decided = fromEnvironment(target, environment)) {
+        return *decided;
+    }
+    return fromDesktop(target);
+}
+
+QFuture<QNetworkProxy> ProxyChoice::lookUp(const QUrl& target) {
+    if (std::optional<QNetworkProxy> decided =
+            fromEnvironment(target, QProcessEnvironment::systemEnvironment())) {
+        return QtFuture::makeReadyFuture(*decided);
+    }
+    return QtConcurrent::run([target] { return fromDesktop(target); });
 }
