@@ -261,16 +261,11 @@ QCoro::Task<ToolResult> FileWorker::runOne(QString method, QJsonObject params) {
             if (!m_instance || m_instance->generation != generation) {
                 co_return failure(lostMessage());
             }
-            if (m_instance->ended) {
-                // Reported here, as when it ends while working: it was busy when it ended.
-                const ToolResult lost = failure(lostMessage());
-                const QString reason = m_instance->endReason;
-                m_instance.reset();
-                emit workerLost(reason);
-                co_return lost;
+            // One that ended meanwhile is reported below, as when it ends while working.
+            if (!m_instance->ended) {
+                send(WorkerProtocol::Kind::Answer,
+                     allowed ? QByteArrayView("\x01", 1) : QByteArrayView("\x00", 1));
             }
-            send(WorkerProtocol::Kind::Answer,
-                 allowed ? QByteArrayView("\x01", 1) : QByteArrayView("\x00", 1));
             continue;
         }
         if (m_instance->ended) {
