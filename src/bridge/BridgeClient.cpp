@@ -2,6 +2,7 @@
 
 #include "FileService.h"
 #include "JsonReader.h"
+#include "Platform.h"
 #include "ProxyChoice.h"
 #include "QtBridgeScheduler.h"
 #include "TrustStore.h"
@@ -110,8 +111,7 @@ void BridgeClient::openSocket() {
         closeTask(m_task);
     }
     auto* socket = new WebSocketConnection(this);
-    socket->addHeader(QByteArrayLiteral("User-Agent"),
-                      QByteArrayLiteral("QuillmarCompanion/0.1 (macOS)"));
+    socket->addHeader(QByteArrayLiteral("User-Agent"), Platform::userAgent());
     socket->setProxy(ProxyChoice::forUrl(*url));
     socket->setSslConfiguration(TrustStore::configuration());
     m_task = socket;
