@@ -2,6 +2,7 @@
 
 #include "FileService.h"
 #include "JsonReader.h"
+#include "Platform.h"
 #include "ProxyChoice.h"
 #include "QtBridgeScheduler.h"
 #include "TrustStore.h"
@@ -147,8 +148,7 @@ void BridgeClient::openSocket() {
 
 void BridgeClient::openThrough(const QUrl& url, const QNetworkProxy& proxy) {
     auto* socket = new WebSocketConnection(this);
-    socket->addHeader(QByteArrayLiteral("User-Agent"),
-                      QByteArrayLiteral("QuillmarCompanion/0.1 (macOS)"));
+    socket->addHeader(QByteArrayLiteral("User-Agent"), Platform::userAgent());
     socket->setProxy(proxy);
     socket->setSslConfiguration(TrustStore::configuration());
     m_task = socket;

@@ -6,6 +6,7 @@
 #include "FileSystemError.h"
 #include "JsonParams.h"
 #include "PathResolver.h"
+#include "Platform.h"
 #include "ToolError.h"
 #include "WriteApproval.h"
 
@@ -161,7 +162,8 @@ QJsonObject FileWriter::commit(PendingWrite& write, const AccessPolicy& policy) 
 }
 
 QJsonObject FileWriter::declined() {
-    return FileService::errorObject(QStringLiteral("Write was declined on the user's Mac."));
+    return FileService::errorObject(QStringLiteral("Write was declined on the user's ") +
+                                    Platform::device() + u'.');
 }
 
 QCoro::Task<QJsonObject> FileWriter::write(QJsonObject params, AccessPolicy policy) {

@@ -1,5 +1,7 @@
 #include "DeviceName.h"
 
+#include "Platform.h"
+
 #include <QFile>
 #include <QSysInfo>
 
@@ -103,5 +105,5 @@ QString DeviceName::choose(const std::optional<QString>& prettyName, const QStri
     if (!hostName.trimmed().isEmpty()) {
         return hostName;
     }
-    return QStringLiteral("My Mac");
+    return Platform::fallbackDeviceName();
 }

@@ -5,7 +5,7 @@
 #include <optional>
 
 // The name this machine introduces itself with when pairing: the pretty host name the user
-// chose (PRETTY_HOSTNAME in machine-info), else the host name, else "My Mac".
+// chose (PRETTY_HOSTNAME in machine-info), else the host name, else "My computer".
 class DeviceName {
 public:
     static QString defaultMachineInfoPath();
@@ -16,6 +16,7 @@ public:
     // the key or a usable (non-blank, well-quoted) value is missing.
     static std::optional<QString> prettyHostName(const QString& machineInfoPath);
 
-    // The choice itself: a pretty name wins, then a non-blank host name, then "My Mac".
+    // The choice itself: a pretty name wins, then a non-blank host name, then
+    // Platform::fallbackDeviceName().
     static QString choose(const std::optional<QString>& prettyName, const QString& hostName);
 };

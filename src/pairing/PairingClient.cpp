@@ -1,5 +1,6 @@
 #include "PairingClient.h"
 
+#include "Platform.h"
 #include "ProxyChoice.h"
 #include "TrustStore.h"
 
@@ -42,7 +43,7 @@ QByteArray PairingClient::claimBody(const QString& code, const QString& deviceNa
     const QJsonObject body{
         {QStringLiteral("code"), code.trimmed().toUpper()},
         {QStringLiteral("device_name"), deviceName},
-        {QStringLiteral("platform"), QStringLiteral("macos")},
+        {QStringLiteral("platform"), Platform::claimName()},
     };
     return QJsonDocument(body).toJson(QJsonDocument::Compact);
 }
@@ -56,7 +57,7 @@ QCoro::Task<ClaimResponse> PairingClient::claim(QString apiBase, QString code, Q
 
     QNetworkRequest request(*url);
     request.setRawHeader("Content-Type", "application/json");
-    request.setRawHeader("User-Agent", "QuillmarCompanion/0.1 (macOS)");
+    request.setRawHeader("User-Agent", Platform::userAgent());
     request.setTransferTimeout(static_cast<int>(timeout.count()));
     request.setSslConfiguration(TrustStore::configuration());
 

@@ -153,8 +153,8 @@ void AppDelegate::dispatch(const MenuItem& item, QAction* sender) {
 }
 
 void AppDelegate::statusItemActivated(int reason) {
-    // A right click opens the context menu by itself; a left click opens it too, as a click
-    // on a menu-bar item does.
+    // A right click opens the context menu by itself; a left click opens it too, so that either
+    // click on the icon shows the commands.
     if (reason == QSystemTrayIcon::Trigger && m_menu) {
         m_menu->popup(QCursor::pos());
     }

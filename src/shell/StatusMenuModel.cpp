@@ -1,6 +1,7 @@
 #include "StatusMenuModel.h"
 
 #include "AppState.h"
+#include "Platform.h"
 
 QString StatusMenuModel::toolTip() const {
     QString tip = buttonTitle.trimmed() + u'\n' + header;
@@ -56,7 +57,8 @@ StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& 
         approval.checkable = true;
         approval.checked = requireWriteApproval;
         items.append(approval);
-        items.append(MenuItem::make(QStringLiteral("Unpair this Mac"), MenuAction::Unpair));
+        items.append(MenuItem::make(QStringLiteral("Unpair this ") + Platform::device(),
+                                    MenuAction::Unpair));
     }
 
     items.append(MenuItem::makeSeparator());

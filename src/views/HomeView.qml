@@ -2,8 +2,8 @@ import QtQuick
 import QtQuick.Controls.Basic
 import Quillmar.Views
 
-// The home page of a paired Mac: connection state, shared folders, the write-approval setting
-// and the way to unpair. Keeps no state of its own.
+// The home page of a paired computer: connection state, shared folders, the write-approval
+// setting and the way to unpair. Keeps no state of its own.
 Item {
     id: view
 
@@ -290,8 +290,9 @@ Item {
                             font.weight: Font.Medium
                         }
                         Text {
+                            objectName: "approvalNote"
                             width: parent.width
-                            text: "Confirm each write on this Mac, on top of the in-app approval."
+                            text: "Confirm each write on this " + Platform.device + ", on top of the in-app approval."
                             color: Theme.secondary
                             font.pixelSize: 11
                             wrapMode: Text.WordWrap
@@ -349,7 +350,7 @@ Item {
                 objectName: "unpairButton"
                 y: 2
                 anchors.horizontalCenter: parent.horizontalCenter
-                text: "Unpair this Mac"
+                text: "Unpair this " + Platform.device
                 color: Theme.alpha(Theme.red, 0.85)
                 pixelSize: 12
                 weight: Font.Medium

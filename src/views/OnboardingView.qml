@@ -24,9 +24,10 @@ Item {
 
     function doneMessage(count) {
         if (count > 0)
-            return "This Mac is paired and " + count + " folder" + (count === 1 ? "" : "s") + " "
-                    + (count === 1 ? "is" : "are") + " shared. Quillmar lives in your menu bar."
-        return "This Mac is paired. Add folders anytime from the menu bar to let agents reach your files."
+            return "This " + Platform.device + " is paired and " + count + " folder" + (count === 1 ? "" : "s") + " "
+                    + (count === 1 ? "is" : "are") + " shared. Quillmar lives in " + Platform.iconHome + "."
+        return "This " + Platform.device + " is paired. Add folders anytime from " + Platform.iconReach
+                + " to let agents reach your files."
     }
 
     objectName: "onboardingView"
@@ -97,9 +98,11 @@ Item {
                     font.bold: true
                 }
                 Text {
+                    objectName: "welcomeSubtitle"
                     x: 8
                     width: parent.width - 16
-                    text: "Give your AI workforce secure access to files on this Mac — read, summarise, and draft, with your approval."
+                    text: "Give your AI workforce secure access to files on this " + Platform.device
+                          + " — read, summarise, and draft, with your approval."
                     color: Theme.secondary
                     font.pixelSize: 13
                     horizontalAlignment: Text.AlignHCenter
@@ -107,10 +110,11 @@ Item {
                 }
             }
             FeatureRow {
+                objectName: "filesStayRow"
                 anchors.horizontalCenter: parent.horizontalCenter
                 maximumWidth: parent.width
                 icon: "lock.shield"
-                title: "Files stay on your Mac"
+                title: "Files stay on your " + Platform.device
                 subtitle: "Only the bytes an agent reads are sent — nothing is uploaded."
             }
             FeatureRow {
@@ -144,9 +148,10 @@ Item {
             visible: view.step === OnboardingStep.Pair
 
             StepHeader {
+                objectName: "pairHeader"
                 width: parent.width
                 icon: "link.circle.fill"
-                title: "Pair this Mac"
+                title: "Pair this " + Platform.device
                 subtitle: "In Quillmar on the web, open Connectors → Local Files → Generate pairing code, then enter it here."
             }
             Column {

@@ -2,12 +2,12 @@ import QtQuick
 import Quillmar.Views
 
 // The window's content: onboarding until the user finishes it, then the home page for as long as
-// the Mac stays paired.
+// the computer stays paired.
 Item {
     id: root
 
     // True once the user may see the home page. Set by whoever creates the view (paired at that
-    // moment), by onboarding's finish, and cleared whenever the Mac is unpaired.
+    // moment), by onboarding's finish, and cleared whenever the computer is unpaired.
     property bool showHome: false
     readonly property bool showingHome: showHome && AppState.paired
 

@@ -17,7 +17,7 @@ namespace {
 
 const QString companionBin = QStringLiteral(QUILLMAR_COMPANION_BIN);
 const QString testApi = QStringLiteral("http://127.0.0.1:9");
-const QByteArray declined = "{\"error\":\"Write was declined on the user's Mac.\"}\n";
+const QByteArray declined = "{\"error\":\"Write was declined on the user's computer.\"}\n";
 
 CommandRun run(const CompanionSandbox& sandbox, const QStringList& arguments) {
     return CommandRun::run(companionBin, arguments, sandbox.environment());

@@ -28,7 +28,7 @@ const QString companionBin = QStringLiteral(QUILLMAR_COMPANION_BIN);
 const QString connected = QStringLiteral("Connected to Quillmar");
 const QString invalidCode =
     QStringLiteral("That code is invalid or expired. Generate a fresh one in the web app.");
-const QString declined = QStringLiteral("Write was declined on the user's Mac.");
+const QString declined = QStringLiteral("Write was declined on the user's computer.");
 
 bool keyringSession() {
     return qEnvironmentVariable("QUILLMAR_KEYCHAIN_SANDBOX") == u"keyring";
@@ -211,7 +211,7 @@ private slots:
         const QJsonArray list = devices();
         QCOMPARE(list.size(), 1);
         const QJsonObject device = list[0].toObject();
-        QCOMPARE(device.value(QStringLiteral("platform")).toString(), QStringLiteral("macos"));
+        QCOMPARE(device.value(QStringLiteral("platform")).toString(), QStringLiteral("linux"));
         QVERIFY(!device.value(QStringLiteral("device_name")).toString().isEmpty());
         QCOMPARE(device.value(QStringLiteral("online")), QJsonValue(false));
         deviceId = device.value(QStringLiteral("device_id")).toString();

@@ -183,7 +183,7 @@ private slots:
         if (method == u"local_write_file") {
             QCOMPARE(reply.json().value(QStringLiteral("ok")), QJsonValue(false));
             QCOMPARE(reply.json().value(QStringLiteral("error")).toString(),
-                     QStringLiteral("Write was declined on the user's Mac."));
+                     QStringLiteral("Write was declined on the user's computer."));
         }
         QVERIFY(!QFile::exists(tree.path(QStringLiteral("Docs/new.txt"))));
     }

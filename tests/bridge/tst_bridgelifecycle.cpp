@@ -134,7 +134,7 @@ private slots:
         QTRY_VERIFY(f->service.hasOpenSocket());
         const QNetworkRequest request = f->service.request();
         QCOMPARE(request.rawHeader("User-Agent"),
-                 QByteArrayLiteral("QuillmarCompanion/0.1 (macOS)"));
+                 QByteArrayLiteral("QuillmarCompanion/0.1 (Linux)"));
         // The WebSocket handshake's own headers, and nothing else of ours.
         QCOMPARE(request.rawHeaderList(),
                  (QList<QByteArray>{"Host", "Upgrade", "Connection", "Sec-WebSocket-Key",

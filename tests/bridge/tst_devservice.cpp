@@ -130,7 +130,7 @@ private slots:
         const QString code = newCode();
         const QJsonObject body{{QStringLiteral("code"), code},
                                {QStringLiteral("device_name"), QStringLiteral("Ada's laptop")},
-                               {QStringLiteral("platform"), QStringLiteral("macos")}};
+                               {QStringLiteral("platform"), QStringLiteral("linux")}};
         const HttpJson::Reply first =
             http->post(QStringLiteral("/api/v1/devices/pair/claim"), body);
         QCOMPARE(first.status, 200);
@@ -153,7 +153,7 @@ private slots:
             devices[0].toObject(),
             (QJsonObject{{QStringLiteral("device_id"), answer.value(QStringLiteral("device_id"))},
                          {QStringLiteral("device_name"), QStringLiteral("Ada's laptop")},
-                         {QStringLiteral("platform"), QStringLiteral("macos")},
+                         {QStringLiteral("platform"), QStringLiteral("linux")},
                          {QStringLiteral("org_id"), answer.value(QStringLiteral("org_id"))},
                          {QStringLiteral("online"), false}}));
         const HttpJson::Reply one = http->get(QStringLiteral("/api/v1/agent/devices/") +

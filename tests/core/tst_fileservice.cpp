@@ -63,8 +63,9 @@ private slots:
                  {{QStringLiteral("path"), QStringLiteral("Reports/new.txt")},
                   {QStringLiteral("content"), QStringLiteral("x")}},
                  folders);
-        QCOMPARE(result, (QJsonObject{{QStringLiteral("error"),
-                                       QStringLiteral("Write was declined on the user's Mac.")}}));
+        QCOMPARE(result,
+                 (QJsonObject{{QStringLiteral("error"),
+                               QStringLiteral("Write was declined on the user's computer.")}}));
         QVERIFY(!QFile::exists(tree.path(QStringLiteral("Reports/new.txt"))));
     }
 

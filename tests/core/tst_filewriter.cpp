@@ -169,8 +169,9 @@ private slots:
         answer = false;
         QJsonObject result = write({{QStringLiteral("path"), QStringLiteral("Reports/keep.txt")},
                                     {QStringLiteral("content"), QStringLiteral("changed")}});
-        QCOMPARE(result, (QJsonObject{{QStringLiteral("error"),
-                                       QStringLiteral("Write was declined on the user's Mac.")}}));
+        QCOMPARE(result,
+                 (QJsonObject{{QStringLiteral("error"),
+                               QStringLiteral("Write was declined on the user's computer.")}}));
         QCOMPARE(contents(tree->path(QStringLiteral("Reports/keep.txt"))), QByteArray("original"));
 
         result = write({{QStringLiteral("path"), QStringLiteral("Reports/a/b/new.txt")},

@@ -66,7 +66,7 @@ private slots:
         const QString path = tree.path(QStringLiteral("no-such-machine-info"));
         QCOMPARE(DeviceName::prettyHostName(path), std::nullopt);
         const QString host = QSysInfo::machineHostName();
-        QCOMPARE(DeviceName::current(path), host.isEmpty() ? QStringLiteral("My Mac") : host);
+        QCOMPARE(DeviceName::current(path), host.isEmpty() ? QStringLiteral("My computer") : host);
     }
 
     void choiceOrder() {
@@ -75,8 +75,9 @@ private slots:
         QCOMPARE(DeviceName::choose(std::nullopt, QStringLiteral("host")), QStringLiteral("host"));
         QCOMPARE(DeviceName::choose(QStringLiteral(" "), QStringLiteral("host")),
                  QStringLiteral("host"));
-        QCOMPARE(DeviceName::choose(std::nullopt, QString()), QStringLiteral("My Mac"));
-        QCOMPARE(DeviceName::choose(std::nullopt, QStringLiteral("  ")), QStringLiteral("My Mac"));
+        QCOMPARE(DeviceName::choose(std::nullopt, QString()), QStringLiteral("My computer"));
+        QCOMPARE(DeviceName::choose(std::nullopt, QStringLiteral("  ")),
+                 QStringLiteral("My computer"));
     }
 
     void defaultLocation() {

@@ -79,11 +79,11 @@ private slots:
         QCOMPARE(request.headerCount("Content-Type"), 1);
         QCOMPARE(request.header("Content-Type"), QByteArray("application/json"));
         QCOMPARE(request.headerCount("User-Agent"), 1);
-        QCOMPARE(request.header("User-Agent"), QByteArray("QuillmarCompanion/0.1 (macOS)"));
+        QCOMPARE(request.header("User-Agent"), QByteArray("QuillmarCompanion/0.1 (Linux)"));
         QCOMPARE(
             request.body,
             QByteArray(
-                "{\"code\":\"AB12-CD34\",\"device_name\":\"Test Box\",\"platform\":\"macos\"}"));
+                "{\"code\":\"AB12-CD34\",\"device_name\":\"Test Box\",\"platform\":\"linux\"}"));
     }
 
     void codeIsTrimmedAndUpperCased_data() {
@@ -102,7 +102,7 @@ private slots:
         QFETCH(QString, sent);
         QCOMPARE(PairingClient::claimBody(typed, QStringLiteral("n")),
                  "{\"code\":\"" + sent.toUtf8() +
-                     "\",\"device_name\":\"n\",\"platform\":\"macos\"}");
+                     "\",\"device_name\":\"n\",\"platform\":\"linux\"}");
     }
 
     void deviceNameIsSentUnchanged() {
@@ -123,7 +123,7 @@ private slots:
         QVERIFY(outcome->finished);
         QCOMPARE(server.requests().size(), 1);
         QCOMPARE(server.requests()[0].body,
-                 QByteArray("{\"code\":\"\",\"device_name\":\"Test Box\",\"platform\":\"macos\"}"));
+                 QByteArray("{\"code\":\"\",\"device_name\":\"Test Box\",\"platform\":\"linux\"}"));
         QVERIFY(outcome->pairError);
         QCOMPARE(outcome->pairError->kind(), PairError::Kind::InvalidCode);
         QCOMPARE(outcome->pairError->description(),

@@ -169,14 +169,15 @@ private slots:
     void pairedWithoutFolders() {
         sandbox->storeToken();
         launch();
-        QCOMPARE(shownTitles(&menu()),
-                 (QStringList{
-                     QStringLiteral("Quillmar OS — Not connected"), QStringLiteral("---"),
-                     QStringLiteral("Shared Folders"),
-                     QStringLiteral("  (none yet — add one below)"), QStringLiteral("Add Folder…"),
-                     QStringLiteral("Open Quillmar OS Window…"), QStringLiteral("---"),
-                     QStringLiteral("Ask before writing files"), QStringLiteral("Unpair this Mac"),
-                     QStringLiteral("---"), QStringLiteral("Quit Quillmar OS")}));
+        QCOMPARE(
+            shownTitles(&menu()),
+            (QStringList{QStringLiteral("Quillmar OS — Not connected"), QStringLiteral("---"),
+                         QStringLiteral("Shared Folders"),
+                         QStringLiteral("  (none yet — add one below)"),
+                         QStringLiteral("Add Folder…"), QStringLiteral("Open Quillmar OS Window…"),
+                         QStringLiteral("---"), QStringLiteral("Ask before writing files"),
+                         QStringLiteral("Unpair this computer"), QStringLiteral("---"),
+                         QStringLiteral("Quit Quillmar OS")}));
         const QList<QAction*> actions = menu().actions();
         QVERIFY(!actions.at(2)->isEnabled());
         QVERIFY(!actions.at(3)->isEnabled());
@@ -328,7 +329,7 @@ private slots:
         AppState::shared().bridge().onStatus(true, QStringLiteral("Connected to Quillmar"));
         QCOMPARE(*shows, 0);
 
-        actionTitled(&menu(), QStringLiteral("Unpair this Mac"))->trigger();
+        actionTitled(&menu(), QStringLiteral("Unpair this computer"))->trigger();
         QVERIFY(!AppState::shared().paired());
         QCOMPARE(*shows, 1);
         QCOMPARE(shownTitles(&menu()), unpairedLayout);

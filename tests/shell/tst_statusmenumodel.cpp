@@ -3,6 +3,7 @@
 #include "ShellTestMain.h"
 #include "StatusMenuModel.h"
 
+#include <QRegularExpression>
 #include <QTest>
 
 namespace {
@@ -62,7 +63,7 @@ private slots:
                      QStringLiteral("Open Quillmar OS Window… -> openSetup"),
                      QStringLiteral("---"),
                      QStringLiteral("Ask before writing files [x] -> toggleApproval"),
-                     QStringLiteral("Unpair this Mac -> unpairTapped"),
+                     QStringLiteral("Unpair this computer -> unpairTapped"),
                      QStringLiteral("---"),
                      QStringLiteral("Quit Quillmar OS -> quitTapped <q>"),
                  }));
@@ -100,7 +101,7 @@ private slots:
                      QStringLiteral("Open Quillmar OS Window… -> openSetup"),
                      QStringLiteral("---"),
                      QStringLiteral("Ask before writing files [ ] -> toggleApproval"),
-                     QStringLiteral("Unpair this Mac -> unpairTapped"),
+                     QStringLiteral("Unpair this computer -> unpairTapped"),
                      QStringLiteral("---"),
                      QStringLiteral("Quit Quillmar OS -> quitTapped <q>"),
                  }));
@@ -209,7 +210,26 @@ private slots:
         QCOMPARE(entry.toUcs4().at(2), char32_t(0x1F4C1));
         QCOMPARE(entry.mid(4), QStringLiteral(" A"));
         // No ellipsis although it acts at once.
-        QCOMPARE(model.items.at(8).title, QStringLiteral("Unpair this Mac"));
+        QCOMPARE(model.items.at(8).title, QStringLiteral("Unpair this computer"));
+    }
+
+    // Every title of every layout, and the tool tip: the Linux build names no Mac and no menu bar.
+    void menusSpeakOfThisComputer() {
+        const QRegularExpression mac(QStringLiteral("\\bMac\\b|[Mm]enu bar"));
+        const QList<SharedFolder> folders{folder(QStringLiteral("A"), QStringLiteral("/a"))};
+        QStringList seen;
+        for (bool paired : {false, true}) {
+            for (bool online : {false, true}) {
+                const StatusMenuModel model = StatusMenuModel::build(
+                    online, paired, QStringLiteral("Not connected"), folders, true);
+                seen.append(model.toolTip());
+                seen.append(MenuItem::describe(model.items));
+            }
+        }
+        QVERIFY(seen.contains(QStringLiteral("Unpair this computer -> unpairTapped")));
+        for (const QString& text : seen) {
+            QVERIFY2(!mac.match(text).hasMatch(), qPrintable(text));
+        }
     }
 
     void mainMenu() {

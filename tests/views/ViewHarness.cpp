@@ -33,6 +33,20 @@ void collect(QQuickItem* item, const QString& name, QList<QQuickItem*>& found) {
     }
 }
 
+void collectTexts(QQuickItem* item, QStringList& found) {
+    if (!item) {
+        return;
+    }
+    const QVariant text = item->property("text");
+    if (text.typeId() == QMetaType::QString && !text.toString().isEmpty()) {
+        found.append(text.toString());
+    }
+    const QList<QQuickItem*> children = item->childItems();
+    for (QQuickItem* child : children) {
+        collectTexts(child, found);
+    }
+}
+
 } // namespace
 
 ViewHarness::ViewHarness() : m_home(std::make_unique<TempTree>()) {
@@ -100,6 +114,14 @@ QQuickItem* ViewHarness::find(QQuickItem* root, const QString& name) {
     QList<QQuickItem*> found;
     collect(root, name, found);
     return found.isEmpty() ? nullptr : found.constFirst();
+}
+
+QStringList ViewHarness::texts() const {
+    QStringList found;
+    if (window()) {
+        collectTexts(window()->contentItem(), found);
+    }
+    return found;
 }
 
 QVariant ViewHarness::value(const QString& name, const char* property) const {

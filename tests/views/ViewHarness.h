@@ -8,6 +8,7 @@
 #include <QColor>
 #include <QList>
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 
@@ -39,6 +40,8 @@ public:
     QList<QQuickItem*> items(const QString& name) const;
     // The same, below `root`.
     static QQuickItem* find(QQuickItem* root, const QString& name);
+    // Every text the window's items hold, shown or on a hidden page, depth first.
+    QStringList texts() const;
     // The item's QML property, by name.
     QVariant value(const QString& name, const char* property) const;
     int step() const;

@@ -9,6 +9,7 @@
 #include <QQmlProperty>
 #include <QQuickItem>
 #include <QQuickWindow>
+#include <QRegularExpression>
 #include <QTest>
 
 // The home page: connection state, the shared folders, the write-approval switch and unpairing.
@@ -188,6 +189,22 @@ private slots:
         QVERIFY(!toggle->property("checked").toBool());
     }
 
+    void homeSpeaksOfThisComputer() {
+        ViewHarness harness;
+        startPaired(harness);
+        harness.addFolder(QStringLiteral("Reports"));
+        ViewHarness::settle();
+        QCOMPARE(harness.value(QStringLiteral("approvalNote"), "text").toString(),
+                 QStringLiteral("Confirm each write on this computer, on top of the in-app "
+                                "approval."));
+        const QStringList texts = harness.texts();
+        QVERIFY(texts.contains(QStringLiteral("Unpair this computer")));
+        const QRegularExpression mac(QStringLiteral("\\bMac\\b|[Mm]enu bar"));
+        for (const QString& text : texts) {
+            QVERIFY2(!mac.match(text).hasMatch(), qPrintable(text));
+        }
+    }
+
     void approvalSwitchShowsTheStoredSettingAfterARestart() {
         ViewHarness harness;
         AppSettings::setBoolean(QStringLiteral("require_write_approval"), false);
@@ -200,7 +217,7 @@ private slots:
         AppState& state = startPaired(harness);
         harness.addFolder(QStringLiteral("Kept"));
         QCOMPARE(harness.value(QStringLiteral("unpairButton"), "text").toString(),
-                 QStringLiteral("Unpair this Mac"));
+                 QStringLiteral("Unpair this computer"));
         harness.click(QStringLiteral("unpairButton"));
         QVERIFY(!state.paired());
         QCOMPARE(state.folders().size(), 1);

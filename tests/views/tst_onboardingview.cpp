@@ -4,6 +4,7 @@
 
 #include <QQuickItem>
 #include <QQuickWindow>
+#include <QRegularExpression>
 #include <QTest>
 
 // The onboarding flow: the pages and their order, the code field's rules, pairing, the folders
@@ -41,6 +42,38 @@ private slots:
         QCOMPARE(harness.value(QStringLiteral("getStartedButton"), "text").toString(),
                  QStringLiteral("Get Started"));
         QVERIFY(harness.value(QStringLiteral("getStartedButton"), "enabled").toBool());
+    }
+
+    void welcomeAndPairPagesSpeakOfThisComputer() {
+        ViewHarness harness;
+        harness.start();
+        QCOMPARE(harness.value(QStringLiteral("welcomeSubtitle"), "text").toString(),
+                 QStringLiteral("Give your AI workforce secure access to files on this computer "
+                                "— read, summarise, and draft, with your approval."));
+        QCOMPARE(harness.value(QStringLiteral("filesStayRow"), "title").toString(),
+                 QStringLiteral("Files stay on your computer"));
+        QVERIFY(harness.texts().contains(QStringLiteral("Files stay on your computer")));
+        toPairStep(harness);
+        QCOMPARE(harness.value(QStringLiteral("pairHeader"), "title").toString(),
+                 QStringLiteral("Pair this computer"));
+        QVERIFY(harness.texts().contains(QStringLiteral("Pair this computer")));
+    }
+
+    // Every page, shown or hidden, before and after pairing: the Linux build names no Mac and no
+    // menu bar.
+    void noPageNamesAMacOrAMenuBar() {
+        ViewHarness harness;
+        harness.start();
+        toFoldersStep(harness);
+        harness.addFolder(QStringLiteral("Reports"));
+        harness.click(QStringLiteral("foldersContinueButton"));
+        QCOMPARE(harness.step(), int(OnboardingStep::Done));
+        const QStringList texts = harness.texts();
+        QVERIFY(texts.size() > 20);
+        const QRegularExpression mac(QStringLiteral("\\bMac\\b|[Mm]enu bar"));
+        for (const QString& text : texts) {
+            QVERIFY2(!mac.match(text).hasMatch(), qPrintable(text));
+        }
     }
 
     void stepIndicatorFollowsTheStep() {
@@ -247,19 +280,19 @@ private slots:
         QTest::addColumn<QString>("message");
         QTest::newRow("none") << 0
                               << QStringLiteral(
-                                     "This Mac is paired. Add folders anytime from the menu "
-                                     "bar to let agents reach your files.");
+                                     "This computer is paired. Add folders anytime from the tray "
+                                     "or panel to let agents reach your files.");
         QTest::newRow("one") << 1
                              << QStringLiteral(
-                                    "This Mac is paired and 1 folder is shared. Quillmar "
-                                    "lives in your menu bar.");
+                                    "This computer is paired and 1 folder is shared. Quillmar "
+                                    "lives in the system tray.");
         QTest::newRow("two") << 2
                              << QStringLiteral(
-                                    "This Mac is paired and 2 folders are shared. Quillmar "
-                                    "lives in your menu bar.");
+                                    "This computer is paired and 2 folders are shared. Quillmar "
+                                    "lives in the system tray.");
         QTest::newRow("three") << 3
-                               << QStringLiteral("This Mac is paired and 3 folders are shared. "
-                                                 "Quillmar lives in your menu bar.");
+                               << QStringLiteral("This computer is paired and 3 folders are "
+                                                 "shared. Quillmar lives in the system tray.");
     }
 
     void doneMessageCountsTheFolders() {
