@@ -5,7 +5,8 @@
 
 namespace {
 
-// An answer's headers larger than this are not a WebSocket server's.
+// An answer whose headers (with the blank line after them) are larger is not a WebSocket
+// server's.
 constexpr qsizetype largestAnswer = 16 * 1024;
 
 // Whether a comma-separated header value holds `token`, ignoring case.
@@ -60,11 +61,13 @@ QByteArray WebSocketHandshake::acceptFor(const QByteArray& key) {
 WebSocketHandshake::Outcome WebSocketHandshake::feed(QByteArrayView bytes, QByteArray& rest) {
     m_answer.append(bytes);
     const qsizetype end = m_answer.indexOf("\r\n\r\n");
+    // The same limit however the answer was split: headers and their blank line, at most
+    // largestAnswer bytes. Without their end yet, one more byte at least is to come.
+    if (end < 0 ? m_answer.size() >= largestAnswer : end + 4 > largestAnswer) {
+        m_problem = QStringLiteral("an answer whose headers are too long");
+        return Outcome::Malformed;
+    }
     if (end < 0) {
-        if (m_answer.size() > largestAnswer) {
-            m_problem = QStringLiteral("an answer whose headers never end");
-            return Outcome::Malformed;
-        }
         return Outcome::Incomplete;
     }
     const QByteArray head = m_answer.left(end);

@@ -267,6 +267,64 @@ private slots:
         QCOMPARE(feedWhole(handshake, answer(handshake, extra), rest), Outcome::Malformed);
         QVERIFY(handshake.problem().contains(QStringLiteral("extension")));
     }
+
+    // Up to 16 KiB of headers (the blank line that ends them included) are read; more are
+    // refused, the same whether they arrive at once or in pieces.
+    void headerLimit_data() {
+        QTest::addColumn<int>("total");
+        QTest::addColumn<bool>("accepted");
+        QTest::newRow("exactly 16 KiB") << 16 * 1024 << true;
+        QTest::newRow("one byte over") << 16 * 1024 + 1 << false;
+        QTest::newRow("17 KiB") << 17 * 1024 << false;
+        QTest::newRow("64 KiB") << 64 * 1024 << false;
+    }
+
+    void headerLimit() {
+        QFETCH(int, total);
+        QFETCH(bool, accepted);
+        for (const int mode : {0, 1, 2}) {
+            WebSocketHandshake handshake = newHandshake();
+            const QByteArray base = answer(handshake);
+            const QByteArray filler = "X-Filler: ";
+            const qsizetype room = total - base.size() - filler.size() - 2;
+            QVERIFY(room > 0);
+            const QByteArray bytes =
+                answer(handshake, filler + QByteArray(room, 'f') + "\r\n") + "\x81\x00";
+            QCOMPARE(bytes.indexOf("\r\n\r\n") + 4, total);
+            QByteArray rest;
+            Outcome outcome = Outcome::Incomplete;
+            if (mode == 0) {
+                outcome = feedWhole(handshake, bytes, rest);
+            } else if (mode == 1) {
+                outcome = feedBytewise(handshake, bytes, rest);
+            } else {
+                // In reads of 4 KiB, as a socket might hand them over.
+                for (qsizetype at = 0; at < bytes.size() && outcome == Outcome::Incomplete;
+                     at += 4096) {
+                    outcome = handshake.feed(QByteArrayView(bytes).sliced(at).first(
+                                                 std::min<qsizetype>(4096, bytes.size() - at)),
+                                             rest);
+                }
+            }
+            QCOMPARE(outcome, accepted ? Outcome::Accepted : Outcome::Malformed);
+        }
+    }
+
+    // Headers that never end are refused once they pass the limit, not read forever.
+    void headersThatNeverEnd() {
+        WebSocketHandshake handshake = newHandshake();
+        QByteArray rest;
+        QCOMPARE(handshake.feed("HTTP/1.1 101 Switching Protocols\r\n", rest), Outcome::Incomplete);
+        const QByteArray line = "X-Endless: " + QByteArray(50, 'a') + "\r\n";
+        Outcome outcome = Outcome::Incomplete;
+        qsizetype read = 0;
+        while (outcome == Outcome::Incomplete && read < 1024 * 1024) {
+            outcome = handshake.feed(line, rest);
+            read += line.size();
+        }
+        QCOMPARE(outcome, Outcome::Malformed);
+        QVERIFY(read <= 16 * 1024 + line.size());
+    }
 };
 
 QTEST_GUILESS_MAIN(WebSocketHandshakeTest)
