@@ -48,6 +48,11 @@ WebSocketHandshake::WebSocketHandshake(const QUrl& url,
                 "\r\nSec-WebSocket-Version: 13\r\n";
     for (const auto& [name, value] : headers) {
         m_request += name + ": " + value + "\r\n";
+        if (name.compare("Sec-WebSocket-Protocol", Qt::CaseInsensitive) == 0) {
+            for (const QByteArray& protocol : value.split(',')) {
+                m_protocols.append(protocol.trimmed());
+            }
+        }
     }
     m_request += "\r\n";
 }
@@ -94,6 +99,7 @@ WebSocketHandshake::Outcome WebSocketHandshake::check(const QByteArray& head) {
     QByteArray connection;
     QByteArray accept;
     QByteArray extensions;
+    QByteArray protocol;
     for (qsizetype i = 1; i < lines.size(); ++i) {
         const QByteArray line = lines[i].trimmed();
         const qsizetype colon = line.indexOf(':');
@@ -110,6 +116,8 @@ WebSocketHandshake::Outcome WebSocketHandshake::check(const QByteArray& head) {
             accept = value;
         } else if (name == "sec-websocket-extensions") {
             extensions = value;
+        } else if (name == "sec-websocket-protocol") {
+            protocol = value;
         }
     }
     if (upgrade.compare("websocket", Qt::CaseInsensitive) != 0 ||
@@ -124,6 +132,11 @@ WebSocketHandshake::Outcome WebSocketHandshake::check(const QByteArray& head) {
     // None were asked for, so none may be used.
     if (!extensions.isEmpty()) {
         m_problem = QStringLiteral("extensions that were not asked for");
+        return Outcome::Malformed;
+    }
+    // At most one subprotocol, and only one that was offered.
+    if (!protocol.isEmpty() && !m_protocols.contains(protocol)) {
+        m_problem = QStringLiteral("a subprotocol that was not asked for");
         return Outcome::Malformed;
     }
     return Outcome::Accepted;

@@ -325,6 +325,38 @@ private slots:
         QCOMPARE(outcome, Outcome::Malformed);
         QVERIFY(read <= 16 * 1024 + line.size());
     }
+
+    // A subprotocol the companion did not ask for fails the connection; one it asked for is
+    // fine.
+    void subprotocols_data() {
+        QTest::addColumn<QByteArray>("asked");
+        QTest::addColumn<QByteArray>("answered");
+        QTest::addColumn<bool>("accepted");
+        QTest::newRow("none asked, one answered") << QByteArray() << QByteArray("chat") << false;
+        QTest::newRow("asked, another answered")
+            << QByteArray("chat, superchat") << QByteArray("other") << false;
+        QTest::newRow("asked, one of them answered")
+            << QByteArray("chat, superchat") << QByteArray("superchat") << true;
+        QTest::newRow("asked, none answered") << QByteArray("chat") << QByteArray() << true;
+        QTest::newRow("asked, two answered")
+            << QByteArray("chat, superchat") << QByteArray("chat, superchat") << false;
+    }
+
+    void subprotocols() {
+        QFETCH(QByteArray, asked);
+        QFETCH(QByteArray, answered);
+        QFETCH(bool, accepted);
+        QList<QPair<QByteArray, QByteArray>> headers;
+        if (!asked.isEmpty()) {
+            headers.append({"Sec-WebSocket-Protocol", asked});
+        }
+        WebSocketHandshake handshake(QUrl(QStringLiteral("ws://127.0.0.1/")), headers);
+        const QByteArray extra =
+            answered.isEmpty() ? QByteArray() : "Sec-WebSocket-Protocol: " + answered + "\r\n";
+        QByteArray rest;
+        QCOMPARE(feedWhole(handshake, answer(handshake, extra), rest),
+                 accepted ? Outcome::Accepted : Outcome::Malformed);
+    }
 };
 
 QTEST_GUILESS_MAIN(WebSocketHandshakeTest)
