@@ -249,6 +249,30 @@ private slots:
         QCOMPARE(client->reconnectAttempt(), 0);
     }
 
+    // The service breaks the protocol while the companion's large answer is still being
+    // written: the answer still reaches it whole, then the close with 1002, not a cut
+    // connection.
+    void failureWhileSendingStillClosesProperly() {
+        const QByteArray text = QByteArray("\xC3\xA9").repeated(16 * 1024 * 1024);
+        const QByteArray json = "{\"text\":\"" + text + "\"}";
+        auto manual = std::make_unique<ManualScheduler>();
+        scheduler = manual.get();
+        client = std::make_unique<BridgeClient>(std::move(manual));
+        client->dispatcher = [&](QString, QJsonObject, QList<SharedFolder>) {
+            return answer(ToolResult::fromJson(json));
+        };
+        client->connect(QStringLiteral("broken_frame_during_answer"), apiBase());
+        const std::optional<QJsonObject> closed = peer->take(QStringLiteral("closed"), 1, 60s);
+        QVERIFY2(closed, qPrintable(peer->describe()));
+        QCOMPARE(number(*closed, "code"), 1002);
+        const QJsonArray messages = closed->value(QStringLiteral("messages")).toArray();
+        QCOMPARE(messages.size(), 1);
+        QVERIFY(qsizetype(messages.at(0).toInteger()) > json.size());
+        QVERIFY(QTest::qWaitFor([&] { return client->reconnectAttempt() == 1; }, 10000));
+        QCOMPARE(client->problem().kind(), ConnectionProblem::Kind::Unreadable);
+        QCOMPARE(client->problem().number(), 1002);
+    }
+
     // Python's pings of 0 to 125 bytes are each answered with a pong carrying the same bytes.
     void pingsAreAnswered() {
         QVERIFY2(connectClient(QStringLiteral("ping")), qPrintable(peer->describe()));

@@ -151,6 +151,23 @@ async def big_result_scenario(ws, number, params):
     await closed(ws, number)
 
 
+async def broken_frame_during_answer_scenario(ws, number, params):
+    """Asks for a large answer, then at once breaks the protocol (a reserved bit) while the
+    answer is still on its way: the answer must still arrive whole, then the client's close."""
+    await hello(ws)
+    await ws.send(json.dumps({"type": "call", "req_id": "big-1", "method": "big",
+                              "params": {}}))
+    ws.transport.write(b"\xc1\x00")  # a final text frame with RSV1 set, no extension agreed
+    sizes = []
+    try:
+        async for message in ws:
+            sizes.append(len(message.encode() if isinstance(message, str) else message))
+    except websockets.ConnectionClosed:
+        pass
+    report(event="closed", connection=number, code=ws.close_code, reason=ws.close_reason,
+           messages=sizes)
+
+
 async def too_big_scenario(ws, number, params):
     """Once per test: a message one byte over `limit`, in one frame or in 1 MiB frames."""
     await hello(ws)
@@ -209,6 +226,7 @@ SCENARIOS = {
     "echo_call": echo_call_scenario,
     "big_result": big_result_scenario,
     "too_big": too_big_scenario,
+    "broken_frame_during_answer": broken_frame_during_answer_scenario,
     "ping": ping_scenario,
     "wait_close": wait_close_scenario,
     "server_close": server_close_scenario,
