@@ -198,6 +198,10 @@ void WebSocketConnection::handleEvents(const QList<WebSocketFramer::Event>& even
             return;
         case Kind::Failure:
             qCWarning(lcSocket) << "closing the connection:" << event.problem;
+            if (m_closeStartedHere) {
+                abort(); // our close frame went out already: one is all a connection may have
+                return;
+            }
             write(WebSocketFramer::Opcode::Close,
                   WebSocketFramer::closePayload(event.code, event.problem.toUtf8()));
             endAfterClose(ConnectionProblem(event.code == WebSocketFramer::messageTooBig

@@ -108,6 +108,20 @@ private slots:
         peer = nullptr;
     }
 
+    // A broken frame after the client's own close: no second close frame (one per
+    // connection), and no `ended`, as for any close the companion started.
+    void brokenFrameWhileClosing() {
+        connection->close(WebSocketFramer::goingAway);
+        QVERIFY(QTest::qWaitFor([&] { return clientFrames(received).size() == 1; }, 5000));
+        peer->write(QByteArray("\xC1\x00", 2));
+        QVERIFY(QTest::qWaitFor([&] { return peerDisconnected; }, 5000));
+        const auto frames = clientFrames(received);
+        QCOMPARE(frames.size(), 1);
+        QCOMPARE(frames.front().first, 0x8);
+        QCOMPARE(frames.front().second, closeBody(1001));
+        QVERIFY(ended.isEmpty());
+    }
+
     // After a broken rule the client sends its close and lets the server end the connection,
     // as the server should first; it does not cut it under the close frame.
     void failureWaitsForTheServerToEnd() {
