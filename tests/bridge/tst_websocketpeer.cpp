@@ -299,8 +299,11 @@ private slots:
     void keepAliveThenGoingAway() {
         QVERIFY2(connectClient(QStringLiteral("wait_close")), qPrintable(peer->describe()));
         scheduler->advance(BridgeClient::keepAliveInterval);
+        const qint64 answerWait = std::chrono::milliseconds(BridgeClient::answerTimeout).count();
+        QVERIFY(scheduler->pendingDelays().contains(answerWait));
         // Python's pong is what stops the answer timer; without it this would reconnect.
-        QTest::qWait(300);
+        QVERIFY(QTest::qWaitFor([&] { return !scheduler->pendingDelays().contains(answerWait); },
+                                20000));
         scheduler->advance(BridgeClient::answerTimeout);
         QCOMPARE(client->reconnectAttempt(), 0);
         QVERIFY(!peer->take(QStringLiteral("closed"), 1, 0ms));
