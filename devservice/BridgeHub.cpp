@@ -285,6 +285,10 @@ void BridgeHub::attach(const QString& deviceId, QWebSocket* socket) {
                    QStringLiteral("Replaced by a newer connection."));
     }
     socket->setParent(this);
+    // The companion's answers can be larger than anything it accepts itself (64 MiB of file
+    // grows as JSON). Qt's own limits are far above that today; set so that they stay there.
+    socket->setMaxAllowedIncomingMessageSize(QWebSocket::maxIncomingMessageSize());
+    socket->setMaxAllowedIncomingFrameSize(QWebSocket::maxIncomingFrameSize());
     m_sockets.insert(deviceId, socket);
     connect(
         socket, &QWebSocket::textMessageReceived, this,

@@ -14,7 +14,8 @@ class QWebSocket;
 
 // The service's end of the bridges: one live WebSocket per device. Greets each new connection
 // with `hello`, answers `ping` with `pong`, sends agents' tool calls and matches the `result`
-// frames to them by `req_id`.
+// frames to them by `req_id`. Qt sends a large message in 512 KiB frames cut anywhere, inside
+// characters too, as the protocol allows and the companion's own client reads.
 class BridgeHub : public QObject {
     Q_OBJECT
 

@@ -188,28 +188,26 @@ void WebSocketConnection::handleEvents(const QList<WebSocketFramer::Event>& even
             write(WebSocketFramer::Opcode::Close,
                   event.code == 1005 ? QByteArray()
                                      : WebSocketFramer::closePayload(event.code, QByteArray()));
-            if (m_socket) {
-                m_socket->flush();
-            }
-            finish(ConnectionProblem(ConnectionProblem::Kind::ClosedByService,
-                                     event.payload.isEmpty()
-                                         ? (event.code == 1000 || event.code == 1005
-                                                ? QString()
-                                                : QStringLiteral("code %1").arg(event.code))
-                                         : QString::fromUtf8(event.payload),
-                                     event.code));
+            endAfterClose(ConnectionProblem(ConnectionProblem::Kind::ClosedByService,
+                                            event.payload.isEmpty()
+                                                ? (event.code == 1000 || event.code == 1005
+                                                       ? QString()
+                                                       : QStringLiteral("code %1").arg(event.code))
+                                                : QString::fromUtf8(event.payload),
+                                            event.code));
             return;
         case Kind::Failure:
             qCWarning(lcSocket) << "closing the connection:" << event.problem;
+            if (m_closeStartedHere) {
+                abort(); // our close frame went out already: one is all a connection may have
+                return;
+            }
             write(WebSocketFramer::Opcode::Close,
                   WebSocketFramer::closePayload(event.code, event.problem.toUtf8()));
-            if (m_socket) {
-                m_socket->flush();
-            }
-            finish(ConnectionProblem(event.code == WebSocketFramer::messageTooBig
-                                         ? ConnectionProblem::Kind::TooBig
-                                         : ConnectionProblem::Kind::Unreadable,
-                                     event.problem, event.code));
+            endAfterClose(ConnectionProblem(event.code == WebSocketFramer::messageTooBig
+                                                ? ConnectionProblem::Kind::TooBig
+                                                : ConnectionProblem::Kind::Unreadable,
+                                            event.problem, event.code));
             return;
         }
     }
@@ -324,6 +322,42 @@ void WebSocketConnection::finish(const ConnectionProblem& problem) {
     m_state = State::Ended;
     dropSocket();
     emit ended(problem);
+}
+
+void WebSocketConnection::endAfterClose(const ConnectionProblem& problem) {
+    if (m_state == State::Ended) {
+        return;
+    }
+    m_state = State::Ended;
+    lingerSocket();
+    emit ended(problem);
+}
+
+void WebSocketConnection::lingerSocket() {
+    if (m_closeTimer) {
+        m_closeTimer->stop();
+    }
+    if (!m_socket) {
+        return;
+    }
+    // The close frame waits behind whatever was still being written. Dropping the socket now
+    // would lose both, and closing it with bytes unread makes the system reset the connection.
+    // So it stays, on its own (this object may go at once), reading and discarding, until the
+    // server ends the connection, as it should first, or the grace period is over.
+    QSslSocket* socket = m_socket;
+    m_socket = nullptr;
+    QObject::disconnect(socket, nullptr, this, nullptr);
+    socket->setParent(nullptr);
+    socket->flush();
+    const auto discard = [socket] { socket->skip(socket->bytesAvailable()); };
+    discard();
+    QObject::connect(socket, &QSslSocket::readyRead, socket, discard);
+    QObject::connect(socket, &QSslSocket::disconnected, socket, &QObject::deleteLater);
+    QObject::connect(socket, &QSslSocket::errorOccurred, socket, &QObject::deleteLater);
+    QTimer::singleShot(closeGrace, socket, [socket] {
+        socket->abort();
+        socket->deleteLater();
+    });
 }
 
 void WebSocketConnection::finishLater(const ConnectionProblem& problem) {

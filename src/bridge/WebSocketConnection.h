@@ -23,7 +23,9 @@ class QTimer;
 // login), TLS and its trust come from Qt; the handshake and the frames from
 // WebSocketHandshake and WebSocketFramer, which judge a text message as a whole, however it is
 // fragmented. Qt's own WebSocket class cannot: it rejects a frame that ends inside a character.
-// Messages go out as single frames. Ends exactly once, with `ended`.
+// Messages go out as single frames. Ends exactly once, with `ended`; after a close frame sent
+// because of the server's close or a broken rule, the socket outlives `ended` for a few seconds
+// so that the close frame gets there.
 class WebSocketConnection : public QObject {
     Q_OBJECT
 
@@ -73,6 +75,8 @@ private:
     void handleEvents(const QList<WebSocketFramer::Event>& events);
     void socketFailed();
     void finish(const ConnectionProblem& problem);
+    void endAfterClose(const ConnectionProblem& problem);
+    void lingerSocket();
     void finishLater(const ConnectionProblem& problem);
     void write(WebSocketFramer::Opcode opcode, QByteArrayView payload);
     ConnectionProblem describeSocketError() const;

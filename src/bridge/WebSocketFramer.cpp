@@ -15,7 +15,12 @@ bool isKnown(quint8 opcode) {
     return opcode <= 0x2 || (opcode >= 0x8 && opcode <= 0xA);
 }
 
-// Bytes of a header whose first two bytes are `first` and `second`.
+// A message in several frames grows by doubling up to this size, then gets the whole ceiling.
+constexpr qsizetype growthLimit = 1024 * 1024;
+// A ceiling larger than this is never reserved in advance.
+constexpr qsizetype largestReservation = qsizetype(256) * 1024 * 1024;
+
+// Bytes of a header whose second byte is `second`.
 qsizetype headerLength(quint8 second) {
     const quint8 length = second & 0x7F;
     const qsizetype extended = length == 126 ? 2 : length == 127 ? 8 : 0;
@@ -144,9 +149,10 @@ bool WebSocketFramer::readHeader(QList<Event>& events) {
         if (type != Opcode::Continuation) {
             m_inMessage = true;
             m_messageOpcode = type;
-            m_message.clear();
+            m_message = QByteArray();
             m_utf8.reset();
         }
+        makeRoom(sofar + qsizetype(length));
     }
     m_inFrame = true;
     m_opcode = type;
@@ -155,6 +161,25 @@ bool WebSocketFramer::readHeader(QList<Event>& events) {
     m_control.clear();
     m_pending.clear();
     return true;
+}
+
+void WebSocketFramer::makeRoom(qsizetype needed) {
+    if (needed <= m_message.capacity()) {
+        return;
+    }
+    // A message in one frame is allocated once, at its announced size. One in many frames
+    // grows, but each growth copies it and the allocator may keep the old copies: a large one
+    // would peak at twice its size. Past a point it gets the whole ceiling at once instead,
+    // whose pages take memory only as they are written.
+    qsizetype room = needed;
+    if (m_message.capacity() > 0) {
+        room = std::max(needed, 2 * m_message.capacity());
+        if (room > growthLimit && m_largestMessage <= largestReservation) {
+            room = m_largestMessage;
+        }
+        room = std::max(std::min(room, m_largestMessage), needed);
+    }
+    m_message.reserve(room);
 }
 
 void WebSocketFramer::takePayload(QByteArrayView bytes) {
@@ -219,6 +244,9 @@ void WebSocketFramer::finishFrame(QList<Event>& events) {
         return;
     }
     event.kind = m_messageOpcode == Opcode::Text ? Event::Kind::Text : Event::Kind::Binary;
+    if (m_message.capacity() - m_message.size() > growthLimit) {
+        m_message.squeeze(); // the unused part of a ceiling reserved in advance
+    }
     event.payload = std::move(m_message);
     m_message = QByteArray();
     m_inMessage = false;

@@ -58,6 +58,7 @@ public:
 
 private:
     bool readHeader(QList<Event>& events);
+    void makeRoom(qsizetype needed);
     void takePayload(QByteArrayView bytes);
     void finishFrame(QList<Event>& events);
     void fail(QList<Event>& events, quint16 code, const QString& problem);

@@ -5,7 +5,8 @@
 
 namespace {
 
-// An answer's headers larger than this are not a WebSocket server's.
+// An answer whose headers (with the blank line after them) are larger is not a WebSocket
+// server's.
 constexpr qsizetype largestAnswer = 16 * 1024;
 
 // Whether a comma-separated header value holds `token`, ignoring case.
@@ -47,6 +48,11 @@ WebSocketHandshake::WebSocketHandshake(const QUrl& url,
                 "\r\nSec-WebSocket-Version: 13\r\n";
     for (const auto& [name, value] : headers) {
         m_request += name + ": " + value + "\r\n";
+        if (name.compare("Sec-WebSocket-Protocol", Qt::CaseInsensitive) == 0) {
+            for (const QByteArray& protocol : value.split(',')) {
+                m_protocols.append(protocol.trimmed());
+            }
+        }
     }
     m_request += "\r\n";
 }
@@ -60,11 +66,13 @@ QByteArray WebSocketHandshake::acceptFor(const QByteArray& key) {
 WebSocketHandshake::Outcome WebSocketHandshake::feed(QByteArrayView bytes, QByteArray& rest) {
     m_answer.append(bytes);
     const qsizetype end = m_answer.indexOf("\r\n\r\n");
+    // The same limit however the answer was split: headers and their blank line, at most
+    // largestAnswer bytes. Without their end yet, one more byte at least is to come.
+    if (end < 0 ? m_answer.size() >= largestAnswer : end + 4 > largestAnswer) {
+        m_problem = QStringLiteral("an answer whose headers are too long");
+        return Outcome::Malformed;
+    }
     if (end < 0) {
-        if (m_answer.size() > largestAnswer) {
-            m_problem = QStringLiteral("an answer whose headers never end");
-            return Outcome::Malformed;
-        }
         return Outcome::Incomplete;
     }
     const QByteArray head = m_answer.left(end);
@@ -91,6 +99,7 @@ WebSocketHandshake::Outcome WebSocketHandshake::check(const QByteArray& head) {
     QByteArray connection;
     QByteArray accept;
     QByteArray extensions;
+    QByteArray protocol;
     for (qsizetype i = 1; i < lines.size(); ++i) {
         const QByteArray line = lines[i].trimmed();
         const qsizetype colon = line.indexOf(':');
@@ -107,6 +116,8 @@ WebSocketHandshake::Outcome WebSocketHandshake::check(const QByteArray& head) {
             accept = value;
         } else if (name == "sec-websocket-extensions") {
             extensions = value;
+        } else if (name == "sec-websocket-protocol") {
+            protocol = value;
         }
     }
     if (upgrade.compare("websocket", Qt::CaseInsensitive) != 0 ||
@@ -121,6 +132,11 @@ WebSocketHandshake::Outcome WebSocketHandshake::check(const QByteArray& head) {
     // None were asked for, so none may be used.
     if (!extensions.isEmpty()) {
         m_problem = QStringLiteral("extensions that were not asked for");
+        return Outcome::Malformed;
+    }
+    // At most one subprotocol, and only one that was offered.
+    if (!protocol.isEmpty() && !m_protocols.contains(protocol)) {
+        m_problem = QStringLiteral("a subprotocol that was not asked for");
         return Outcome::Malformed;
     }
     return Outcome::Accepted;

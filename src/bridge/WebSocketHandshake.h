@@ -34,6 +34,7 @@ private:
 
     QByteArray m_request;
     QByteArray m_key;
+    QList<QByteArray> m_protocols; // the subprotocols offered, if any
     QByteArray m_answer;
     int m_status = 0;
     QString m_problem;

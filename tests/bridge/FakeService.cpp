@@ -10,6 +10,9 @@ FakeService::FakeService()
     connect(&m_server, &QWebSocketServer::newConnection, this, [this] {
         while (QWebSocket* socket = m_server.nextPendingConnection()) {
             socket->setParent(this);
+            // As the dev service: the client's largest answers must get through.
+            socket->setMaxAllowedIncomingMessageSize(QWebSocket::maxIncomingMessageSize());
+            socket->setMaxAllowedIncomingFrameSize(QWebSocket::maxIncomingFrameSize());
             ++m_connections;
             m_socket = socket;
             m_request = socket->request();

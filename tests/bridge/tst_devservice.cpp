@@ -1,8 +1,10 @@
 // The dev service on its own: pairing codes, the bridge's door, and the agent API, in process
 // on 127.0.0.1 with plain sockets as devices.
 
+#include "BridgeClient.h"
 #include "DevService.h"
 #include "HttpJson.h"
+#include "ManualScheduler.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -95,6 +97,8 @@ class DevServiceTest : public QObject {
         return {reply.json().value(QStringLiteral("device_token")).toString(),
                 reply.json().value(QStringLiteral("device_id")).toString()};
     }
+
+    static QCoro::Task<ToolResult> answerWith(ToolResult result) { co_return result; }
 
     HttpJson::Reply callDevice(const QString& deviceId, const QJsonObject& body) {
         return http->post(QStringLiteral("/api/v1/agent/devices/%1/calls").arg(deviceId), body);
@@ -449,6 +453,45 @@ private slots:
                  404);
         QCOMPARE(device.frames.size(), 2);
         QVERIFY(!device.closed);
+    }
+
+    // The companion's own client on the bridge: a call of a few MiB, which Qt sends in 512 KiB
+    // frames cut inside characters, reaches it whole, and its answer of about 64 MiB comes
+    // back to the agent byte for byte.
+    void largeCallsAndAnswersWithTheCompanionsClient() {
+        const Pairing pairing = pair();
+        BridgeClient client(std::make_unique<ManualScheduler>());
+        bool online = false;
+        client.onStatus = [&](bool isOnline, const QString&) { online = isOnline; };
+        const QByteArray emoji = QStringLiteral("\U0001F600").toUtf8();
+        const QByteArray big = "{\"text\":\"" + emoji.repeated(16 * 1024 * 1024 - 8) + "\"}";
+        QString seen;
+        client.dispatcher = [&](QString method, QJsonObject params, QList<SharedFolder>) {
+            seen = params.value(QStringLiteral("text")).toString();
+            return answerWith(method == u"big" ? ToolResult::fromJson(big)
+                                               : ToolResult(QJsonObject{
+                                                     {QStringLiteral("length"), seen.size()}}));
+        };
+        client.connect(pairing.token, QStringLiteral("http://127.0.0.1:%1").arg(service->port()));
+        QVERIFY(QTest::qWaitFor([&] { return online; }, 10000));
+
+        // 1 + 3 + 4 + 2 bytes: the 512 KiB cuts fall at every offset of the pattern.
+        const QString text = QStringLiteral("a\u20ac\U0001F600\u00e9").repeated(300000);
+        HttpJson::Reply reply =
+            callDevice(pairing.deviceId,
+                       {{QStringLiteral("method"), QStringLiteral("echo")},
+                        {QStringLiteral("params"), QJsonObject{{QStringLiteral("text"), text}}}});
+        QCOMPARE(reply.status, 200);
+        QCOMPARE(seen, text);
+        QCOMPARE(reply.json().value(QStringLiteral("result")).toObject(),
+                 (QJsonObject{{QStringLiteral("length"), text.size()}}));
+
+        reply = http->post(QStringLiteral("/api/v1/agent/devices/%1/calls").arg(pairing.deviceId),
+                           QJsonObject{{QStringLiteral("method"), QStringLiteral("big")}}, 120000);
+        QCOMPARE(reply.status, 200);
+        QVERIFY(reply.body.startsWith("{\"ok\":true,\"req_id\":\""));
+        QVERIFY(reply.body.endsWith(",\"result\":" + big + ",\"type\":\"result\"}"));
+        QVERIFY(reply.body.size() < big.size() + 100);
     }
 
     void unknownPathsAnswer404() {
