@@ -46,10 +46,19 @@ int HeadlessRunner::run(QTextStream& out, QTextStream& err) {
 
     AppState& state = AppState::shared();
     QString lastStatus;
+    QString lastProblem;
     state.onChange = [&] {
         if (state.statusText() != lastStatus) {
             lastStatus = state.statusText();
             out << lastStatus << "\n" << Qt::flush;
+        }
+        // Why, on its own line after what the bridge does; said again only when it changes.
+        const QString problem = state.bridge().problem().text();
+        if (problem != lastProblem) {
+            lastProblem = problem;
+            if (!problem.isEmpty()) {
+                out << problem << "\n" << Qt::flush;
+            }
         }
     };
 
