@@ -103,6 +103,12 @@ QNetworkProxy ProxyChoice::forUrl(const QUrl& target, const QProcessEnvironment&
     if (!value.isEmpty()) {
         return parse(value).value_or(none);
     }
+    // A proxy variable for another scheme still means the environment decides: Qt (through
+    // libproxy) would read http_proxy, and HTTP_PROXY in capitals, for https too.
+    if (!firstSet(environment, {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY"})
+             .isEmpty()) {
+        return none;
+    }
     // Nothing in the environment: the desktop's settings (GNOME, KDE, a PAC file), through Qt.
     QNetworkProxyQuery query(target);
     if (scheme == u"wss" || scheme == u"ws") {
