@@ -25,7 +25,13 @@ QSslConfiguration TrustStore::configuration() {
         }
     }
     if (!extra.isEmpty()) {
-        configuration.setCaCertificates(configuration.caCertificates() + extra);
+        // A list of our own ends Qt's loading of the system's authorities on demand (the
+        // default list is then empty): they go in the list too, or public services would fail.
+        QList<QSslCertificate> trusted = configuration.caCertificates();
+        if (trusted.isEmpty()) {
+            trusted = QSslConfiguration::systemCaCertificates();
+        }
+        configuration.setCaCertificates(trusted + extra);
     }
     return configuration;
 }
