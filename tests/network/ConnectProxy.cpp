@@ -161,9 +161,15 @@ void ConnectProxy::handleHead(Link* link, const QByteArray& head) {
     if (!request.admitted) {
         // The refused request's body is passed over; the next request follows it.
         link->skip = headerValue(head, "Content-Length").toLongLong();
-        link->client->write("HTTP/1.1 407 Proxy Authentication Required\r\n"
-                            "Proxy-Authenticate: Basic realm=\"quillmar-test\"\r\n"
+        link->client->write(QByteArray("HTTP/1.1 407 Proxy Authentication Required\r\n"
+                                       "Proxy-Authenticate: Basic realm=\"quillmar-test\"\r\n") +
+                            (m_closeAfterChallenge ? "Connection: close\r\n"
+                                                     "Proxy-Connection: close\r\n"
+                                                   : "") +
                             "Content-Length: 0\r\n\r\n");
+        if (m_closeAfterChallenge) {
+            end(link);
+        }
         return;
     }
     if (url.port(0) == 0 || (!tunnel && url.scheme() != u"http")) {

@@ -38,6 +38,8 @@ public:
 
     // From now on only requests with this Basic login are let through.
     void requireLogin(const QString& user, const QString& password);
+    // Closes the connection after each 407, as some proxies do, instead of keeping it open.
+    void setCloseAfterChallenge(bool close) { m_closeAfterChallenge = close; }
 
     const QList<Request>& requests() const { return m_requests; }
     // Admitted CONNECTs and forwarded requests, and login challenges (407s) answered.
@@ -56,6 +58,7 @@ private:
 
     QTcpServer m_server;
     QString m_login; // "user:password", empty when none is asked for
+    bool m_closeAfterChallenge = false;
     QList<Request> m_requests;
     std::vector<std::unique_ptr<Link>> m_links;
 };

@@ -183,14 +183,19 @@ private slots:
 
     void proxyLoginFromTheUrl_data() {
         QTest::addColumn<bool>("secure");
-        QTest::newRow("https") << true;
-        QTest::newRow("http") << false;
+        QTest::addColumn<bool>("closing");
+        QTest::newRow("https") << true << false;
+        QTest::newRow("http") << false << false;
+        QTest::newRow("https, proxy closes after asking") << true << true;
+        QTest::newRow("http, proxy closes after asking") << false << true;
     }
     void proxyLoginFromTheUrl() {
         QFETCH(bool, secure);
+        QFETCH(bool, closing);
         ConnectProxy proxy;
         QVERIFY(proxy.listen());
         proxy.requireLogin(proxyUser, proxyPassword);
+        proxy.setCloseAfterChallenge(closing);
         const QString host = QStringLiteral("quillmar.test");
         const QString base = secure ? secureBase(host) : plainBase(host);
         auto user =
@@ -212,14 +217,19 @@ private slots:
 
     void missingProxyLoginIsExplained_data() {
         QTest::addColumn<bool>("secure");
-        QTest::newRow("https") << true;
-        QTest::newRow("http") << false;
+        QTest::addColumn<bool>("closing");
+        QTest::newRow("https") << true << false;
+        QTest::newRow("http") << false << false;
+        QTest::newRow("https, proxy closes after asking") << true << true;
+        QTest::newRow("http, proxy closes after asking") << false << true;
     }
     void missingProxyLoginIsExplained() {
         QFETCH(bool, secure);
+        QFETCH(bool, closing);
         ConnectProxy proxy;
         QVERIFY(proxy.listen());
         proxy.requireLogin(proxyUser, proxyPassword);
+        proxy.setCloseAfterChallenge(closing);
         const QString host = QStringLiteral("quillmar.test");
         const QString base = secure ? secureBase(host) : plainBase(host);
         const QString variable =
