@@ -13,32 +13,6 @@ namespace {
 // A close that the server does not answer is cut after this long.
 constexpr std::chrono::seconds closeGrace{5};
 
-ConnectionProblem describeCertificate(const QList<QSslError>& errors) {
-    for (const QSslError& error : errors) {
-        switch (error.error()) {
-        case QSslError::CertificateExpired:
-            return ConnectionProblem(ConnectionProblem::Kind::CertificateInvalid,
-                                     QStringLiteral("it has expired"));
-        case QSslError::CertificateNotYetValid:
-            return ConnectionProblem(ConnectionProblem::Kind::CertificateInvalid,
-                                     QStringLiteral("it is not valid yet"));
-        case QSslError::HostNameMismatch:
-            return ConnectionProblem(ConnectionProblem::Kind::CertificateInvalid,
-                                     QStringLiteral("it was issued for another address"));
-        case QSslError::CertificateRevoked:
-            return ConnectionProblem(ConnectionProblem::Kind::CertificateInvalid,
-                                     QStringLiteral("it has been revoked"));
-        default:
-            break;
-        }
-    }
-    if (!errors.isEmpty()) {
-        return ConnectionProblem(ConnectionProblem::Kind::CertificateUntrusted,
-                                 errors.front().errorString());
-    }
-    return ConnectionProblem(ConnectionProblem::Kind::SecureFailed);
-}
-
 } // namespace
 
 WebSocketConnection::WebSocketConnection(QObject* parent) : QObject(parent) {}
@@ -286,7 +260,7 @@ ConnectionProblem WebSocketConnection::describeSocketError() const {
     case QAbstractSocket::SslHandshakeFailedError:
     case QAbstractSocket::SslInvalidUserDataError:
     case QAbstractSocket::SslInternalError:
-        return describeCertificate(m_sslErrors);
+        return ConnectionProblem::fromSslErrors(m_sslErrors);
     case QAbstractSocket::ProxyNotFoundError:
         return ConnectionProblem(Kind::ProxyNotFound, detail);
     case QAbstractSocket::ProxyAuthenticationRequiredError:

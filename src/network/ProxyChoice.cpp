@@ -108,6 +108,12 @@ std::optional<QNetworkProxy> fromEnvironment(const QUrl& target,
     if (!value.isEmpty()) {
         return ProxyChoice::parse(value).value_or(none);
     }
+    // A proxy variable for another scheme still means the environment decides: Qt (through
+    // libproxy) would read http_proxy, and HTTP_PROXY in capitals, for https too.
+    if (!firstSet(environment, {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY"})
+             .isEmpty()) {
+        return none;
+    }
     return std::nullopt;
 }
 

@@ -10,8 +10,9 @@
 // Which proxy a connection to the service goes through, the same for pairing and for the
 // bridge: the proxy variables as command-line tools read them (https_proxy / HTTPS_PROXY for
 // https: and wss:, http_proxy for http: and ws:, then all_proxy / ALL_PROXY; no_proxy /
-// NO_PROXY excludes hosts), and without any of those, the desktop's proxy settings as Qt reads
-// them. The user's own computer (loopback) is never reached through a proxy.
+// NO_PROXY excludes hosts), and when none of the proxy variables is set at all, the desktop's
+// proxy settings as Qt reads them. The user's own computer (loopback) is never reached through
+// a proxy.
 namespace ProxyChoice {
 
 QNetworkProxy

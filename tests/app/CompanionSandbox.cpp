@@ -43,6 +43,12 @@ QProcessEnvironment CompanionSandbox::environment() const {
                              "QUILLMAR_API", "QUILLMAR_SHOW_ONBOARDING"}) {
         environment.remove(QString::fromLatin1(name));
     }
+    // Nor the machine's way out: its proxies and extra authorities are for other programs.
+    for (const char* name :
+         {"http_proxy", "HTTP_PROXY", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY",
+          "no_proxy", "NO_PROXY", "SSL_CERT_FILE", "SSL_CERT_DIR"}) {
+        environment.remove(QString::fromLatin1(name));
+    }
     if (m_bus == Bus::None) {
         environment.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
     }
@@ -55,5 +61,6 @@ QProcessEnvironment CompanionSandbox::environment() const {
     if (!m_apiBase.isEmpty()) {
         environment.insert(QStringLiteral("QUILLMAR_API"), m_apiBase);
     }
+    environment.insert(m_extra);
     return environment;
 }

@@ -29,6 +29,9 @@ public:
 
     // QUILLMAR_API for every process started from here on; an empty string unsets it.
     void setApiBase(const QString& apiBase) { m_apiBase = apiBase; }
+    // Another variable for every process started from here on (a proxy, an authority).
+    void setVariable(const QString& name, const QString& value) { m_extra.insert(name, value); }
+    void unsetVariable(const QString& name) { m_extra.remove(name); }
 
     QProcessEnvironment environment() const;
 
@@ -37,4 +40,5 @@ private:
     Bus m_bus;
     bool m_valid = false;
     QString m_apiBase;
+    QProcessEnvironment m_extra;
 };

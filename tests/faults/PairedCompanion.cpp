@@ -108,6 +108,11 @@ QString PairedCompanion::setUp(const QString& apiBase, const QString& code,
 }
 
 bool PairedCompanion::start(const QString& apiBase) {
+    launch(apiBase);
+    return m_process->waitFor(QStringLiteral("Connected to Quillmar")) >= 0;
+}
+
+void PairedCompanion::launch(const QString& apiBase) {
     stop();
     m_sandbox.setApiBase(apiBase);
     const bool nobody = m_account == Account::Nobody;
@@ -120,7 +125,6 @@ bool PairedCompanion::start(const QString& apiBase) {
     m_processClock = BridgeTap::now();
     m_argumentLists << arguments;
     m_process->start(program, arguments, m_sandbox.environment());
-    return m_process->waitFor(QStringLiteral("Connected to Quillmar")) >= 0;
 }
 
 int PairedCompanion::stop() {

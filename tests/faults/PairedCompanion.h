@@ -41,6 +41,8 @@ public:
 
     // Starts `--headless` against `apiBase` and waits for "Connected to Quillmar".
     bool start(const QString& apiBase);
+    // The same without waiting, for a companion that is not meant to connect.
+    void launch(const QString& apiBase);
     // Asks it to stop (SIGTERM); its exit code, -1 if it had to be killed.
     int stop();
     bool isRunning() const { return m_process && m_process->isRunning(); }

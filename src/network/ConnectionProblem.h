@@ -1,10 +1,12 @@
 #pragma once
 
+#include <QList>
+#include <QSslError>
 #include <QString>
 
-// Why the bridge could not connect or lost its connection, for the user in plain words (the
-// status texts say what the bridge does; this says why). One vocabulary for the window, the
-// tray, --headless and status.
+// Why the bridge could not connect or lost its connection, or why pairing could not reach the
+// service, for the user in plain words (the status texts say what the bridge does; this says
+// why). One vocabulary for the window, the tray, --headless, status and pair.
 class ConnectionProblem {
 public:
     enum class Kind {
@@ -30,6 +32,9 @@ public:
 
     ConnectionProblem() = default;
     ConnectionProblem(Kind kind, QString detail = QString(), int number = 0);
+
+    // A TLS handshake that failed with these errors (none: it failed for another reason).
+    static ConnectionProblem fromSslErrors(const QList<QSslError>& errors);
 
     Kind kind() const { return m_kind; }
     bool isNone() const { return m_kind == Kind::None; }

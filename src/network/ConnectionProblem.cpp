@@ -3,6 +3,30 @@
 ConnectionProblem::ConnectionProblem(Kind kind, QString detail, int number)
     : m_kind(kind), m_detail(std::move(detail)), m_number(number) {}
 
+ConnectionProblem ConnectionProblem::fromSslErrors(const QList<QSslError>& errors) {
+    for (const QSslError& error : errors) {
+        switch (error.error()) {
+        case QSslError::CertificateExpired:
+            return ConnectionProblem(Kind::CertificateInvalid, QStringLiteral("it has expired"));
+        case QSslError::CertificateNotYetValid:
+            return ConnectionProblem(Kind::CertificateInvalid,
+                                     QStringLiteral("it is not valid yet"));
+        case QSslError::HostNameMismatch:
+            return ConnectionProblem(Kind::CertificateInvalid,
+                                     QStringLiteral("it was issued for another address"));
+        case QSslError::CertificateRevoked:
+            return ConnectionProblem(Kind::CertificateInvalid,
+                                     QStringLiteral("it has been revoked"));
+        default:
+            break;
+        }
+    }
+    if (!errors.isEmpty()) {
+        return ConnectionProblem(Kind::CertificateUntrusted, errors.front().errorString());
+    }
+    return ConnectionProblem(Kind::SecureFailed);
+}
+
 QString ConnectionProblem::text() const {
     switch (m_kind) {
     case Kind::None:
