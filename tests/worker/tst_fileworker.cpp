@@ -30,7 +30,7 @@ const QByteArray notes = "first line\nsecond line\n";
 const QString killedMidCall =
     QStringLiteral("The file tools stopped unexpectedly while handling this call (stopped by "
                    "signal 9). Try again: they start afresh for the next call.");
-const QString declined = QStringLiteral("Write was declined on the user's Mac.");
+const QString declined = QStringLiteral("Write was declined on the user's computer.");
 
 using Answer = std::shared_ptr<std::optional<QJsonObject>>;
 
