@@ -110,8 +110,10 @@ QCoro::Task<ClaimResponse> PairingClient::claim(QString apiBase, QString code, Q
     // and its reply go only later: the reply resumes this coroutine from inside its own signal.
     auto* manager = new QNetworkAccessManager;
     const auto release = qScopeGuard([manager] { manager->deleteLater(); });
-    // The same proxy as the bridge's; its login, when the setting has one, is offered once.
-    const QNetworkProxy proxy = ProxyChoice::forUrl(*url);
+    // The same proxy as the bridge's, found without holding up the event loop; its login, when
+    // the setting has one, is offered once.
+    QFuture<QNetworkProxy> lookup = ProxyChoice::lookUp(*url);
+    const QNetworkProxy proxy = co_await lookup;
     manager->setProxy(proxy);
     auto logins = std::make_shared<int>(0);
     QObject::connect(manager, &QNetworkAccessManager::proxyAuthenticationRequired, manager,
