@@ -35,7 +35,8 @@ public:
         // Another companion runs and keeps the connection (see runningMode(), runningProcess());
         // this process must not run.
         RunningElsewhere,
-        // A companion holds the lock but never took the message; this process should not run.
+        // A companion holds the lock but did not answer within the patience (still starting,
+        // stopped, hung); this process should not run.
         Unanswered,
         // The runtime folder cannot be used; run without the hand-over.
         Alone,
