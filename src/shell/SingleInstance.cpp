@@ -5,12 +5,16 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QLockFile>
 #include <QStandardPaths>
 #include <QThread>
+
+#include <cerrno>
+#include <csignal>
 
 namespace {
 
@@ -168,6 +172,27 @@ std::optional<QJsonObject> SingleInstance::ask(const QString& directory, const Q
         return std::nullopt;
     }
     return QJsonDocument::fromJson(*reply).object();
+}
+
+qint64 SingleInstance::holder(const QString& directory) {
+    if (directory.isEmpty()) {
+        return 0;
+    }
+    const QLockFile lock(SingleInstance(directory).lockPath());
+    qint64 pid = 0;
+    QString host;
+    QString application;
+    if (!lock.getLockInfo(&pid, &host, &application) || pid <= 0) {
+        return 0;
+    }
+    // Only asks whether the process exists; EPERM still means it does.
+    if (::kill(pid_t(pid), 0) != 0 && errno != EPERM) {
+        return 0;
+    }
+    // A process id that another program has taken since is no companion.
+    QString running = QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget();
+    running = QFileInfo(running.remove(QStringLiteral(" (deleted)"))).fileName();
+    return running.isEmpty() || application.isEmpty() || running == application ? pid : 0;
 }
 
 QByteArray SingleInstance::answer(const QByteArray& request) {

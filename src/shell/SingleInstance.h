@@ -70,6 +70,10 @@ public:
     ask(const QString& directory, const QByteArray& request,
         std::chrono::milliseconds timeout = std::chrono::seconds(2));
 
+    // The process that holds `directory`'s lock, when it still runs; 0 when none does. For when
+    // ask() gets no answer: a companion may run and not answer (stopped, or hung).
+    static qint64 holder(const QString& directory);
+
     QString directory() const { return m_directory; }
     QString socketPath() const;
     QString lockPath() const;

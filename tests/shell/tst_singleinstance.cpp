@@ -234,6 +234,19 @@ private slots:
         ::close(listener);
         QCOMPARE(role, SingleInstance::Role::Unanswered);
         QVERIFY2(clock.elapsed() < 5000, "waited far longer than its patience");
+        QCOMPARE(SingleInstance::holder(dir), qint64(QCoreApplication::applicationPid()));
+    }
+
+    void noHolderOnceTheLockIsGone() {
+        TempTree tree;
+        const QString dir = privateFolder(tree, QStringLiteral("runtime"));
+        QCOMPARE(SingleInstance::holder(dir), qint64(0));
+        {
+            SingleInstance first(dir);
+            QCOMPARE(first.start(1s), SingleInstance::Role::Primary);
+            QCOMPARE(SingleInstance::holder(dir), qint64(QCoreApplication::applicationPid()));
+        }
+        QCOMPARE(SingleInstance::holder(dir), qint64(0));
     }
 
     void aSecondProcessHandsOverAndExits() {
