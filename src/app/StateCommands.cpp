@@ -79,6 +79,8 @@ int StateCommands::status(const QStringList& arguments, QTextStream& out, QTextS
         if (!problem.isEmpty()) {
             out << "Why: " << problem << "\n";
         }
+    } else if (const qint64 holder = SingleInstance::holder(SingleInstance::defaultDirectory())) {
+        out << "Running: yes (process " << holder << "), but it does not answer\n";
     } else {
         out << "Running: no\n";
     }

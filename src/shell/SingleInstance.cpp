@@ -5,12 +5,16 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QLockFile>
 #include <QStandardPaths>
 #include <QThread>
+
+#include <cerrno>
+#include <csignal>
 
 namespace {
 
@@ -20,7 +24,7 @@ constexpr qint64 longestMessage = 64;
 constexpr qint64 longestAnswer = 64 * 1024;
 
 // Sends one request line and reads the one-line answer: nothing when no companion took the
-// request, an empty answer when one took it without answering.
+// request or none answered in time, an empty answer when one closed without answering.
 std::optional<QByteArray> exchange(const QString& path, const QByteArray& request,
                                    std::chrono::milliseconds timeout) {
     QLocalSocket socket;
@@ -37,11 +41,15 @@ std::optional<QByteArray> exchange(const QString& path, const QByteArray& reques
            socket.bytesAvailable() < longestAnswer && !deadline.hasExpired()) {
         socket.waitForReadyRead(int(std::max<qint64>(deadline.remainingTime(), 1)));
     }
-    // Taken but not answered (in time): a companion from before answers existed, or one busy.
-    if (!socket.canReadLine()) {
-        return QByteArray();
+    if (socket.canReadLine()) {
+        return socket.readLine(longestAnswer).trimmed();
     }
-    return socket.readLine(longestAnswer).trimmed();
+    // Still connected and silent: busy (just starting, or stopped), which is no answer yet.
+    if (socket.state() == QLocalSocket::ConnectedState && socket.bytesAvailable() < longestAnswer) {
+        return std::nullopt;
+    }
+    // Closed without answering: a companion from before answers existed.
+    return QByteArray();
 }
 
 } // namespace
@@ -99,10 +107,10 @@ SingleInstance::Role SingleInstance::start(std::chrono::milliseconds patience, L
                 return Role::Alone;
             }
         }
-        // Held by a running companion, which may not listen yet if it has just started.
-        const auto attempt = std::min<std::chrono::milliseconds>(
-            std::chrono::milliseconds(500),
-            std::chrono::milliseconds(std::max<qint64>(0, deadline.remainingTime())));
+        // Held by a running companion, which may not listen yet if it has just started, and
+        // may be slow to answer while it starts: its answer is waited for all the patience long.
+        const auto attempt =
+            std::chrono::milliseconds(std::max<qint64>(0, deadline.remainingTime()));
         switch (handOver(attempt, launch)) {
         case Answer::Shown:
             return Role::HandedOver;
@@ -164,6 +172,27 @@ std::optional<QJsonObject> SingleInstance::ask(const QString& directory, const Q
         return std::nullopt;
     }
     return QJsonDocument::fromJson(*reply).object();
+}
+
+qint64 SingleInstance::holder(const QString& directory) {
+    if (directory.isEmpty()) {
+        return 0;
+    }
+    const QLockFile lock(SingleInstance(directory).lockPath());
+    qint64 pid = 0;
+    QString host;
+    QString application;
+    if (!lock.getLockInfo(&pid, &host, &application) || pid <= 0) {
+        return 0;
+    }
+    // Only asks whether the process exists; EPERM still means it does.
+    if (::kill(pid_t(pid), 0) != 0 && errno != EPERM) {
+        return 0;
+    }
+    // A process id that another program has taken since is no companion.
+    QString running = QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget();
+    running = QFileInfo(running.remove(QStringLiteral(" (deleted)"))).fileName();
+    return running.isEmpty() || application.isEmpty() || running == application ? pid : 0;
 }
 
 QByteArray SingleInstance::answer(const QByteArray& request) {

@@ -35,7 +35,8 @@ public:
         // Another companion runs and keeps the connection (see runningMode(), runningProcess());
         // this process must not run.
         RunningElsewhere,
-        // A companion holds the lock but never took the message; this process should not run.
+        // A companion holds the lock but did not answer within the patience (still starting,
+        // stopped, hung); this process should not run.
         Unanswered,
         // The runtime folder cannot be used; run without the hand-over.
         Alone,
@@ -68,6 +69,10 @@ public:
     static std::optional<QJsonObject>
     ask(const QString& directory, const QByteArray& request,
         std::chrono::milliseconds timeout = std::chrono::seconds(2));
+
+    // The process that holds `directory`'s lock, when it still runs; 0 when none does. For when
+    // ask() gets no answer: a companion may run and not answer (stopped, or hung).
+    static qint64 holder(const QString& directory);
 
     QString directory() const { return m_directory; }
     QString socketPath() const;

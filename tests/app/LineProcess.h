@@ -30,6 +30,8 @@ public:
     int terminate(int timeoutMs = 20000);
     void kill();
     bool isRunning() const { return m_process.state() != QProcess::NotRunning; }
+    // The child's process id while it runs, 0 otherwise.
+    qint64 processId() const { return m_process.processId(); }
     // Exit code once the child ended by itself, -1 if it crashed or is still running.
     int waitForExit(int timeoutMs = 20000);
 

@@ -29,6 +29,11 @@ int main(int argc, char** argv) {
     case SingleInstance::Role::HandedOver:
         out << "handed over\n" << Qt::flush;
         return 0;
+    case SingleInstance::Role::RunningElsewhere:
+        out << "running elsewhere " << instance.runningMode() << " " << instance.runningProcess()
+            << "\n"
+            << Qt::flush;
+        return 1;
     case SingleInstance::Role::Unanswered:
         out << "unanswered\n" << Qt::flush;
         return 1;

@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QLockFile>
 #include <QProcess>
-#include <QSignalSpy>
 #include <QTest>
 
 #include <atomic>
@@ -97,22 +96,24 @@ class SingleInstanceTest : public QObject {
 
 private slots:
     void theFirstRunsAndTheSecondHandsOver() {
+        // The first runs in a process of its own, so that it answers while this one waits.
         TempTree tree;
         const QString dir = privateFolder(tree, QStringLiteral("runtime"));
-        SingleInstance first(dir);
-        QSignalSpy reopened(&first, &SingleInstance::reopenRequested);
-        QCOMPARE(first.start(1s), SingleInstance::Role::Primary);
-        QVERIFY(QFile::exists(first.socketPath()));
-        QVERIFY(QFile::exists(first.lockPath()));
-        QVERIFY(first.socketPath().startsWith(dir + QStringLiteral("/app.quillmar.companion")));
+        Child first;
+        first.process.start(QStringLiteral(QUILLMAR_INSTANCE_PROBE), {dir, QStringLiteral("1000")});
+        QCOMPARE(first.readLine(), QStringLiteral("primary"));
+        const SingleInstance paths(dir);
+        QVERIFY(QFile::exists(paths.socketPath()));
+        QVERIFY(QFile::exists(paths.lockPath()));
+        QVERIFY(paths.socketPath().startsWith(dir + QStringLiteral("/app.quillmar.companion")));
 
         SingleInstance second(dir);
         QCOMPARE(second.start(1s), SingleInstance::Role::HandedOver);
-        QTRY_COMPARE(reopened.size(), 1);
+        QCOMPARE(first.readLine(), QStringLiteral("reopen"));
 
         SingleInstance third(dir);
         QCOMPARE(third.start(1s), SingleInstance::Role::HandedOver);
-        QTRY_COMPARE(reopened.size(), 2);
+        QCOMPARE(first.readLine(), QStringLiteral("reopen"));
     }
 
     void theSocketIsTheUsersOnly() {
@@ -131,13 +132,13 @@ private slots:
     void aSocketLeftByACrashIsReplaced() {
         TempTree tree;
         const QString dir = privateFolder(tree, QStringLiteral("runtime"));
-        SingleInstance first(dir);
-        QVERIFY(leaveStaleSocket(first.socketPath()));
-        QSignalSpy reopened(&first, &SingleInstance::reopenRequested);
-        QCOMPARE(first.start(1s), SingleInstance::Role::Primary);
+        QVERIFY(leaveStaleSocket(SingleInstance(dir).socketPath()));
+        Child first;
+        first.process.start(QStringLiteral(QUILLMAR_INSTANCE_PROBE), {dir, QStringLiteral("1000")});
+        QCOMPARE(first.readLine(), QStringLiteral("primary"));
         SingleInstance second(dir);
         QCOMPARE(second.start(1s), SingleInstance::Role::HandedOver);
-        QTRY_COMPARE(reopened.size(), 1);
+        QCOMPARE(first.readLine(), QStringLiteral("reopen"));
     }
 
     void aCrashedInstanceIsTakenOver() {
@@ -155,11 +156,11 @@ private slots:
         QVERIFY(QFile::exists(probe.lockPath()));
         QVERIFY(QFile::exists(probe.socketPath()));
 
-        SingleInstance next(dir);
-        QSignalSpy reopened(&next, &SingleInstance::reopenRequested);
-        QCOMPARE(next.start(2s), SingleInstance::Role::Primary);
+        Child next;
+        next.process.start(QStringLiteral(QUILLMAR_INSTANCE_PROBE), {dir, QStringLiteral("2000")});
+        QCOMPARE(next.readLine(), QStringLiteral("primary"));
         QCOMPARE(probe.start(1s), SingleInstance::Role::HandedOver);
-        QTRY_COMPARE(reopened.size(), 1);
+        QCOMPARE(next.readLine(), QStringLiteral("reopen"));
     }
 
     void twoUsersDoNotMeet() {
@@ -184,31 +185,68 @@ private slots:
     }
 
     void aStartingHolderIsWaitedFor() {
-        // The running instance has taken the lock but begins listening only a moment later.
+        // The running instance has taken the lock but begins listening only a moment later;
+        // it takes the line and closes without answering, as companions did before answers.
         TempTree tree;
         const QString dir = privateFolder(tree, QStringLiteral("runtime"));
         SingleInstance late(dir);
         QLockFile held(late.lockPath());
         QVERIFY(held.tryLock(0));
         const QString socketPath = late.socketPath();
-        std::atomic<int> listener{-1};
-        std::thread starting([&listener, socketPath] {
+        std::atomic<bool> listened{false};
+        QByteArray received;
+        std::thread starting([&listened, &received, socketPath] {
             std::this_thread::sleep_for(300ms);
-            listener = listenOn(socketPath);
+            const int listener = listenOn(socketPath);
+            listened = listener >= 0;
+            const int connection = listener >= 0 ? ::accept(listener, nullptr, nullptr) : -1;
+            if (connection >= 0) {
+                char buffer[16] = {};
+                const ssize_t got = ::read(connection, buffer, sizeof(buffer));
+                received = QByteArray(buffer, int(std::max<ssize_t>(got, 0)));
+                ::close(connection);
+            }
+            if (listener >= 0) {
+                ::close(listener);
+            }
         });
         const SingleInstance::Role role = late.start(5s);
         starting.join();
-        QVERIFY(listener >= 0);
+        QVERIFY(listened);
         QCOMPARE(role, SingleInstance::Role::HandedOver);
         // What arrived is the one line a later launch sends.
-        const int connection = ::accept(listener, nullptr, nullptr);
-        QVERIFY(connection >= 0);
-        char buffer[16] = {};
-        const ssize_t got = ::read(connection, buffer, sizeof(buffer));
-        ::close(connection);
+        QCOMPARE(received, SingleInstance::reopenMessage());
+    }
+
+    void aHolderThatListensButNeverAnswersIsGivenUpOn() {
+        // Stopped or hung: its socket takes the connection, and nothing comes back. Silence is
+        // not an answer; the launch waits out its patience and does not run.
+        TempTree tree;
+        const QString dir = privateFolder(tree, QStringLiteral("runtime"));
+        SingleInstance late(dir);
+        QLockFile held(late.lockPath());
+        QVERIFY(held.tryLock(0));
+        const int listener = listenOn(late.socketPath());
+        QVERIFY(listener >= 0);
+        QElapsedTimer clock;
+        clock.start();
+        const SingleInstance::Role role = late.start(700ms);
         ::close(listener);
-        QCOMPARE(QByteArray(buffer, int(std::max<ssize_t>(got, 0))),
-                 SingleInstance::reopenMessage());
+        QCOMPARE(role, SingleInstance::Role::Unanswered);
+        QVERIFY2(clock.elapsed() < 5000, "waited far longer than its patience");
+        QCOMPARE(SingleInstance::holder(dir), qint64(QCoreApplication::applicationPid()));
+    }
+
+    void noHolderOnceTheLockIsGone() {
+        TempTree tree;
+        const QString dir = privateFolder(tree, QStringLiteral("runtime"));
+        QCOMPARE(SingleInstance::holder(dir), qint64(0));
+        {
+            SingleInstance first(dir);
+            QCOMPARE(first.start(1s), SingleInstance::Role::Primary);
+            QCOMPARE(SingleInstance::holder(dir), qint64(QCoreApplication::applicationPid()));
+        }
+        QCOMPARE(SingleInstance::holder(dir), qint64(0));
     }
 
     void aSecondProcessHandsOverAndExits() {
