@@ -150,7 +150,9 @@ void BridgeClient::openThrough(const QUrl& url, const QNetworkProxy& proxy) {
     auto* socket = new WebSocketConnection(this);
     socket->addHeader(QByteArrayLiteral("User-Agent"), Platform::userAgent());
     socket->setProxy(proxy);
-    socket->setSslConfiguration(TrustStore::configuration());
+    if (url.scheme() == u"wss") {
+        socket->setSslConfiguration(TrustStore::configuration());
+    }
     m_task = socket;
     ++m_connectionCount;
     const QPointer<WebSocketConnection> guard(socket);

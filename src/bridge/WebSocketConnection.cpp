@@ -40,10 +40,12 @@ void WebSocketConnection::open(const QUrl& url) {
     m_handshake = std::make_unique<WebSocketHandshake>(url, m_headers);
     m_framer = std::make_unique<WebSocketFramer>(m_largestMessage);
 
-    m_socket = new QSslSocket(this);
+    // TLS only where it is asked for: a TLS socket loads every trusted certificate of the
+    // system, which costs a quarter of a second and megabytes that a plain connection needs not.
+    QSslSocket* secureSocket = secure ? new QSslSocket(this) : nullptr;
+    m_socket = secure ? secureSocket : new QTcpSocket(this);
     m_socket->setProxy(m_proxy);
-    m_socket->setSslConfiguration(m_ssl);
-    QObject::connect(m_socket, &QSslSocket::proxyAuthenticationRequired, this,
+    QObject::connect(m_socket, &QTcpSocket::proxyAuthenticationRequired, this,
                      [this](const QNetworkProxy& proxy, QAuthenticator* login) {
                          // The login from the proxy setting is offered once; asked again, it was
                          // not accepted.
@@ -52,17 +54,19 @@ void WebSocketConnection::open(const QUrl& url) {
                              login->setPassword(proxy.password());
                          }
                      });
-    QObject::connect(m_socket, &QSslSocket::sslErrors, this,
-                     [this](const QList<QSslError>& errors) { m_sslErrors = errors; });
-    QObject::connect(m_socket, &QSslSocket::errorOccurred, this, [this] { socketFailed(); });
-    QObject::connect(m_socket, &QSslSocket::disconnected, this, [this] { socketFailed(); });
-    QObject::connect(m_socket, &QSslSocket::readyRead, this, [this] { readAvailable(); });
+    QObject::connect(m_socket, &QTcpSocket::errorOccurred, this, [this] { socketFailed(); });
+    QObject::connect(m_socket, &QTcpSocket::disconnected, this, [this] { socketFailed(); });
+    QObject::connect(m_socket, &QTcpSocket::readyRead, this, [this] { readAvailable(); });
     const quint16 port = quint16(url.port(secure ? 443 : 80));
-    if (secure) {
-        QObject::connect(m_socket, &QSslSocket::encrypted, this, [this] { startHandshake(); });
-        m_socket->connectToHostEncrypted(url.host(), port);
+    if (secureSocket) {
+        secureSocket->setSslConfiguration(
+            m_ssl.value_or(QSslConfiguration::defaultConfiguration()));
+        QObject::connect(secureSocket, &QSslSocket::sslErrors, this,
+                         [this](const QList<QSslError>& errors) { m_sslErrors = errors; });
+        QObject::connect(secureSocket, &QSslSocket::encrypted, this, [this] { startHandshake(); });
+        secureSocket->connectToHostEncrypted(url.host(), port);
     } else {
-        QObject::connect(m_socket, &QSslSocket::connected, this, [this] { startHandshake(); });
+        QObject::connect(m_socket, &QTcpSocket::connected, this, [this] { startHandshake(); });
         m_socket->connectToHost(url.host(), port);
     }
 }
@@ -239,7 +243,7 @@ void WebSocketConnection::dropSocket() {
     if (!m_socket) {
         return;
     }
-    QSslSocket* socket = m_socket;
+    QTcpSocket* socket = m_socket;
     m_socket = nullptr;
     QObject::disconnect(socket, nullptr, this, nullptr);
     socket->abort();
@@ -318,16 +322,16 @@ void WebSocketConnection::lingerSocket() {
     // would lose both, and closing it with bytes unread makes the system reset the connection.
     // So it stays, on its own (this object may go at once), reading and discarding, until the
     // server ends the connection, as it should first, or the grace period is over.
-    QSslSocket* socket = m_socket;
+    QTcpSocket* socket = m_socket;
     m_socket = nullptr;
     QObject::disconnect(socket, nullptr, this, nullptr);
     socket->setParent(nullptr);
     socket->flush();
     const auto discard = [socket] { socket->skip(socket->bytesAvailable()); };
     discard();
-    QObject::connect(socket, &QSslSocket::readyRead, socket, discard);
-    QObject::connect(socket, &QSslSocket::disconnected, socket, &QObject::deleteLater);
-    QObject::connect(socket, &QSslSocket::errorOccurred, socket, &QObject::deleteLater);
+    QObject::connect(socket, &QTcpSocket::readyRead, socket, discard);
+    QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+    QObject::connect(socket, &QTcpSocket::errorOccurred, socket, &QObject::deleteLater);
     QTimer::singleShot(closeGrace, socket, [socket] {
         socket->abort();
         socket->deleteLater();

@@ -15,8 +15,9 @@
 #include <QUrl>
 
 #include <memory>
+#include <optional>
 
-class QSslSocket;
+class QTcpSocket;
 class QTimer;
 
 // One WebSocket client connection over Qt's sockets: the proxy (a CONNECT tunnel, with its
@@ -83,12 +84,13 @@ private:
     void dropSocket();
 
     QNetworkProxy m_proxy = QNetworkProxy(QNetworkProxy::NoProxy);
-    QSslConfiguration m_ssl = QSslConfiguration::defaultConfiguration();
+    // Unset: Qt's default, made only for a wss: connection.
+    std::optional<QSslConfiguration> m_ssl;
     qsizetype m_largestMessage = defaultLargestMessage;
     QList<QPair<QByteArray, QByteArray>> m_headers;
 
     State m_state = State::Idle;
-    QSslSocket* m_socket = nullptr;
+    QTcpSocket* m_socket = nullptr; // a QSslSocket for wss:
     std::unique_ptr<WebSocketHandshake> m_handshake;
     std::unique_ptr<WebSocketFramer> m_framer;
     QList<QSslError> m_sslErrors;

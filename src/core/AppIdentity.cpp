@@ -1,6 +1,10 @@
 #include "AppIdentity.h"
 
+#include <QDir>
 #include <QStandardPaths>
+
+#include <pwd.h>
+#include <unistd.h>
 
 QString AppIdentity::id() {
     return QStringLiteral("app.quillmar.companion");
@@ -20,11 +24,14 @@ QStringList AppIdentity::ownFiles() {
                           u'/' + id(),
                       QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
                           QStringLiteral("/autostart/") + id() + QStringLiteral(".desktop")};
-    // Where the running instance keeps its socket and lock (QStandardPaths falls back to a
-    // folder of its own, with a warning, when the variable is not set).
+    // Where the running instance keeps its socket and lock. Without the variable, Qt falls back
+    // to a folder of its own in the temporary folder (and warns, which a command printing JSON
+    // must not), named after the user.
     QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
     if (runtime.isEmpty()) {
-        runtime = QStandardPaths::writableLocation(QStandardPaths::RuntimeLocation);
+        const passwd* user = ::getpwuid(::geteuid());
+        runtime = QDir::tempPath() + QStringLiteral("/runtime-") +
+                  (user ? QString::fromLocal8Bit(user->pw_name) : QString::number(::geteuid()));
     }
     if (!runtime.isEmpty()) {
         files.append(runtime + u'/' + id());
