@@ -2,6 +2,7 @@
 
 #include "AppState.h"
 #include "BridgeClient.h"
+#include "KeychainError.h"
 #include "QuitOnSignals.h"
 #include "SingleInstance.h"
 #include "StateAnnouncer.h"
@@ -19,6 +20,14 @@ QString runningElsewhereText(const SingleInstance& instance) {
                           "the connection; stop it first.")
         .arg(mode)
         .arg(instance.runningProcess());
+}
+
+QString unreadablePairingText(const KeychainError& error) {
+    if (error.kind() == KeychainError::Kind::Locked) {
+        return QStringLiteral("the keyring is locked, so the companion cannot read its pairing. "
+                              "Unlock the keyring and start the companion again.");
+    }
+    return QStringLiteral("the companion cannot read its pairing: %1.").arg(error.reason());
 }
 
 } // namespace
@@ -67,6 +76,10 @@ int HeadlessRunner::run(QTextStream& out, QTextStream& err) {
         }
     };
 
+    if (const std::optional<KeychainError>& unreadable = state.tokenUnreadable()) {
+        err << "quillmar-companion: " << unreadablePairingText(*unreadable) << "\n" << Qt::flush;
+        return 1;
+    }
     if (!state.paired()) {
         err << "quillmar-companion: this computer is not paired. Pair it first with: "
                "quillmar-companion pair CODE\n"

@@ -1,6 +1,7 @@
 #include "StateCommands.h"
 
 #include "AppState.h"
+#include "KeychainError.h"
 #include "SingleInstance.h"
 
 #include <QCoroTask>
@@ -30,6 +31,30 @@ void tellRunningCompanion() {
     SingleInstance::ask(SingleInstance::defaultDirectory(), QByteArrayLiteral("reload"));
 }
 
+QString pairedLine(const AppState& state) {
+    if (state.paired()) {
+        return QStringLiteral("Paired: yes");
+    }
+    const std::optional<KeychainError>& unreadable = state.tokenUnreadable();
+    if (!unreadable) {
+        return QStringLiteral("Paired: no");
+    }
+    if (unreadable->kind() == KeychainError::Kind::Locked) {
+        return QStringLiteral("Paired: unknown (the keyring is locked; unlock it so the companion "
+                              "can read its token)");
+    }
+    return QStringLiteral("Paired: unknown (the token could not be read: %1)")
+        .arg(unreadable->reason());
+}
+
+QString unremovedText(const KeychainError& error) {
+    if (error.kind() == KeychainError::Kind::Locked) {
+        return QStringLiteral("the keyring is locked, so the pairing could not be removed. Unlock "
+                              "the keyring and run unpair again.");
+    }
+    return QStringLiteral("the pairing could not be removed: %1.").arg(error.reason());
+}
+
 } // namespace
 
 int StateCommands::pair(const QStringList& arguments, QTextStream& out, QTextStream& err) {
@@ -53,7 +78,10 @@ int StateCommands::unpair(const QStringList& arguments, QTextStream& out, QTextS
     }
     AppState& state = offlineState();
     const bool wasPaired = state.paired();
-    QCoro::waitFor(state.unpairAndWait());
+    const std::optional<KeychainError> failure = QCoro::waitFor(state.unpairAndWait());
+    if (failure) {
+        return fail(err, unremovedText(*failure));
+    }
     tellRunningCompanion();
     out << (wasPaired ? "Unpaired\n" : "Not paired\n") << Qt::flush;
     return 0;
@@ -64,7 +92,7 @@ int StateCommands::status(const QStringList& arguments, QTextStream& out, QTextS
         return usage(err, QStringLiteral("status"));
     }
     const AppState& state = offlineState();
-    out << "Paired: " << (state.paired() ? "yes" : "no") << "\n";
+    out << pairedLine(state) << "\n";
     // The running companion, if any, tells how its connection is doing.
     if (const std::optional<QJsonObject> running =
             SingleInstance::ask(SingleInstance::defaultDirectory(), QByteArrayLiteral("status"))) {

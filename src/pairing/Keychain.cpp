@@ -32,6 +32,25 @@ std::optional<QString> decodeToken(const QByteArray& bytes) {
     return text;
 }
 
+std::optional<KeychainError> errorOf(const SecretStore::Reply& reply) {
+    switch (reply.outcome) {
+    case SecretStore::Outcome::Done:
+    case SecretStore::Outcome::NotFound:
+        return std::nullopt;
+    case SecretStore::Outcome::Locked:
+        return KeychainError(KeychainError::Kind::Locked, reply.message);
+    case SecretStore::Outcome::Unreachable:
+        return KeychainError(KeychainError::Kind::Unreachable, reply.message);
+    case SecretStore::Outcome::Failed:
+        break;
+    }
+    return KeychainError(KeychainError::Kind::Other, reply.message);
+}
+
+KeychainError fileError(const QString& text, const TokenFile& file) {
+    return KeychainError(KeychainError::Kind::Other, text.arg(file.path()));
+}
+
 } // namespace
 
 QString Keychain::service() {
@@ -58,49 +77,59 @@ std::chrono::milliseconds Keychain::secretStoreTimeout() {
     return storeTimeout;
 }
 
-QCoro::Task<> Keychain::saveToken(QString token) {
+QCoro::Task<std::optional<KeychainError>> Keychain::saveToken(QString token) {
     const TokenFile file;
     if (!useSecretStore()) {
-        file.save(token.toUtf8());
-        co_return;
+        if (!file.save(token.toUtf8())) {
+            co_return fileError(QStringLiteral("the token file %1 could not be written"), file);
+        }
+        co_return std::nullopt;
     }
     // The file goes first, as the store's old entry does: after a failed save no token is
     // left anywhere, not even an older one.
     file.remove();
-    co_await SecretStore::replace(service(), account(), token, storeTimeout);
+    const SecretStore::Reply reply =
+        co_await SecretStore::replace(service(), account(), token, storeTimeout);
+    co_return errorOf(reply);
 }
 
-QCoro::Task<std::optional<QString>> Keychain::loadToken() {
+QCoro::Task<TokenLookup> Keychain::loadToken() {
     const TokenFile file;
     if (!useSecretStore()) {
         const std::optional<QByteArray> bytes = file.load();
-        co_return bytes ? decodeToken(*bytes) : std::nullopt;
+        co_return TokenLookup{bytes ? decodeToken(*bytes) : std::nullopt, std::nullopt};
     }
-    const SecretStore::Read stored = co_await SecretStore::read(service(), account(), storeTimeout);
+    const SecretStore::Reply stored =
+        co_await SecretStore::read(service(), account(), storeTimeout);
     if (stored.outcome == SecretStore::Outcome::Done) {
-        co_return decodeToken(stored.secret);
+        co_return TokenLookup{decodeToken(stored.secret), std::nullopt};
     }
     if (stored.outcome != SecretStore::Outcome::NotFound) {
-        co_return std::nullopt;
+        co_return TokenLookup{std::nullopt, errorOf(stored)};
     }
     // Saved while no store was reachable: move it into the store, which is where it belongs now.
     const std::optional<QByteArray> bytes = file.load();
     const std::optional<QString> token = bytes ? decodeToken(*bytes) : std::nullopt;
     if (!token) {
-        co_return std::nullopt;
+        co_return TokenLookup{};
     }
-    const SecretStore::Outcome moved =
+    const SecretStore::Reply moved =
         co_await SecretStore::replace(service(), account(), *token, storeTimeout);
-    if (moved == SecretStore::Outcome::Done) {
+    if (moved.outcome == SecretStore::Outcome::Done) {
         file.remove();
     }
-    co_return token;
+    co_return TokenLookup{token, std::nullopt};
 }
 
-QCoro::Task<> Keychain::deleteToken() {
+QCoro::Task<std::optional<KeychainError>> Keychain::deleteToken() {
     const TokenFile file;
-    file.remove();
+    const bool fileGone = file.remove();
+    std::optional<KeychainError> failure;
     if (useSecretStore()) {
-        co_await SecretStore::remove(service(), account(), storeTimeout);
+        failure = errorOf(co_await SecretStore::remove(service(), account(), storeTimeout));
     }
+    if (!failure && !fileGone) {
+        failure = fileError(QStringLiteral("the token file %1 could not be removed"), file);
+    }
+    co_return failure;
 }

@@ -1,5 +1,8 @@
 #pragma once
 
+#include "KeychainError.h"
+#include "TokenLookup.h"
+
 #include <QCoroTask>
 #include <QString>
 
@@ -18,18 +21,20 @@
 // never survives a save or delete made with the store.
 //
 // The operations are coroutines so that the event loop keeps running while the store answers
-// (or the user unlocks it). They never fail towards the caller: a failed save leaves no token,
-// a failed load is the same as none, a failed delete keeps the old token. Each waits for the
-// store at most secretStoreTimeout(), and operations started one after another take effect in
-// that order.
+// (or the user unlocks it). Each says how it went: a failed save leaves no token, a failed
+// delete keeps the old one, and a load tells "none stored" from "could not be read" (a locked
+// keyring, say). Each waits for the store at most secretStoreTimeout(), and operations started
+// one after another take effect in that order.
 class Keychain {
 public:
     // Long enough for the user to unlock a locked keyring, short of forever.
     static constexpr std::chrono::minutes defaultSecretStoreTimeout{2};
 
-    static QCoro::Task<> saveToken(QString token);
-    static QCoro::Task<std::optional<QString>> loadToken();
-    static QCoro::Task<> deleteToken();
+    // Nothing on success.
+    static QCoro::Task<std::optional<KeychainError>> saveToken(QString token);
+    static QCoro::Task<TokenLookup> loadToken();
+    // Nothing once no token is left.
+    static QCoro::Task<std::optional<KeychainError>> deleteToken();
 
     // Pins the backend instead of choosing per call; for tests and diagnostics.
     enum class Backend { Automatic, SecretStore, TokenFile };

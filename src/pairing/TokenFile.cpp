@@ -135,8 +135,9 @@ std::optional<QByteArray> TokenFile::load() const {
     return result;
 }
 
-void TokenFile::remove() const {
-    if (!m_path.isEmpty()) {
-        ::unlink(native(m_path).constData());
+bool TokenFile::remove() const {
+    if (m_path.isEmpty()) {
+        return true;
     }
+    return ::unlink(native(m_path).constData()) == 0 || errno == ENOENT;
 }

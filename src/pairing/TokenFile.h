@@ -22,7 +22,8 @@ public:
     // The file's bytes; nothing when it is missing, not a plain file of this user, readable or
     // writable by anyone else, or implausibly large.
     std::optional<QByteArray> load() const;
-    void remove() const;
+    // True when no file is left, including when there was none.
+    bool remove() const;
 
 private:
     QString m_path;

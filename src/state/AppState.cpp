@@ -39,6 +39,18 @@ QString describeFailure(const std::exception& error) {
     return QString::fromUtf8(error.what());
 }
 
+// The claim used the code up, so whatever failed, only a new code can pair now.
+QString unsavedPairingText(const KeychainError& error) {
+    if (error.kind() == KeychainError::Kind::Locked) {
+        return QStringLiteral("The code worked, but the pairing couldn't be saved: your keyring "
+                              "is locked. Unlock it and pair again with a new code; this one is "
+                              "used up.");
+    }
+    return QStringLiteral("The code worked, but the pairing couldn't be saved: %1. Pair again "
+                          "with a new code once that is fixed; this one is used up.")
+        .arg(error.reason());
+}
+
 } // namespace
 
 AppState::AppState() = default;
@@ -87,6 +99,7 @@ void AppState::initialise() {
     m_folders.clear();
     m_pairing = false;
     m_pairError.reset();
+    m_tokenUnreadable.reset();
     onChange = nullptr;
 
     // Present but empty still counts: the variable is taken as it stands.
@@ -132,10 +145,12 @@ void AppState::initialise() {
     // The store answers asynchronously (it may first ask the user to unlock it); nothing else can
     // use the state before it is initialised, so wait for the answer here, bounded by the
     // store's own time-out.
-    if (const std::optional<QString> token = QCoro::waitFor(Keychain::loadToken())) {
+    const TokenLookup stored = QCoro::waitFor(Keychain::loadToken());
+    m_tokenUnreadable = stored.error;
+    if (stored.token) {
         m_paired = true;
         if (bridgeEnabled) {
-            m_bridge->connect(*token, m_apiBase);
+            m_bridge->connect(*stored.token, m_apiBase);
         }
     }
 }
@@ -170,10 +185,17 @@ QCoro::Task<> AppState::pairAndWait(QString code) {
         co_return;
     }
     if (token) {
-        co_await Keychain::saveToken(*token);
+        const std::optional<KeychainError> unsaved = co_await Keychain::saveToken(*token);
         if (!self) {
             co_return;
         }
+        if (unsaved) {
+            setPairing(false);
+            setPairError(unsavedPairingText(*unsaved));
+            notify();
+            co_return;
+        }
+        setTokenUnreadable(std::nullopt);
         setPaired(true);
         setPairing(false);
         notify();
@@ -192,14 +214,26 @@ void AppState::unpair() {
     unpairAndWait();
 }
 
-QCoro::Task<> AppState::unpairAndWait() {
+QCoro::Task<std::optional<KeychainError>> AppState::unpairAndWait() {
+    const QPointer<AppState> self(this);
     m_bridge->disconnect();
-    QCoro::Task<> deletion = Keychain::deleteToken();
+    QCoro::Task<std::optional<KeychainError>> deletion = Keychain::deleteToken();
     setPaired(false);
     setOnline(false);
     setStatusText(QStringLiteral("Not connected"));
     notify();
-    co_await deletion;
+    const std::optional<KeychainError> failure = co_await deletion;
+    // A token the store kept leaves the pairing as unknown as a locked keyring at start does.
+    if (self && self->m_tokenUnreadable != failure) {
+        setTokenUnreadable(failure);
+        notify();
+    }
+    co_return failure;
+}
+
+void AppState::retryKeyring() {
+    // Runs by itself; the outcome arrives through the fields and onChange.
+    reloadFromStore();
 }
 
 void AppState::addFolder() {
@@ -266,11 +300,17 @@ QCoro::Task<> AppState::reloadFromStore() {
     if (stored != m_folders) {
         setFolders(stored);
     }
-    const std::optional<QString> token = co_await Keychain::loadToken();
+    const TokenLookup lookup = co_await Keychain::loadToken();
     if (!self) {
         co_return;
     }
-    if (token && (!m_paired || *token != m_bridge->token())) {
+    const std::optional<QString>& token = lookup.token;
+    if (lookup.error) {
+        // An unreadable store says nothing new about a pairing in use: its connection goes on.
+        if (!m_paired) {
+            setTokenUnreadable(lookup.error);
+        }
+    } else if (token && (!m_paired || *token != m_bridge->token())) {
         setPaired(true);
         if (bridgeEnabled) {
             m_bridge->connect(*token, m_apiBase);
@@ -280,6 +320,9 @@ QCoro::Task<> AppState::reloadFromStore() {
         setPaired(false);
         setOnline(false);
         setStatusText(QStringLiteral("Not connected"));
+    }
+    if (!lookup.error) {
+        setTokenUnreadable(std::nullopt);
     }
     notify();
 }
@@ -312,6 +355,19 @@ QString AppState::connectionProblem() const {
         return QString();
     }
     return m_bridge->problem().text();
+}
+
+QString AppState::keyringProblem() const {
+    if (!m_tokenUnreadable) {
+        return QString();
+    }
+    if (m_tokenUnreadable->kind() == KeychainError::Kind::Locked) {
+        return QStringLiteral("Your keyring is locked, so the companion can't read its "
+                              "pairing. Unlock the keyring, then choose Try Again.");
+    }
+    return QStringLiteral("The companion can't read its pairing: %1. Choose Try Again once "
+                          "that is fixed.")
+        .arg(m_tokenUnreadable->reason());
 }
 
 QString AppState::fileAccessText() const {
@@ -372,5 +428,12 @@ void AppState::setPairError(const std::optional<QString>& value) {
     if (m_pairError != value) {
         m_pairError = value;
         emit pairErrorChanged();
+    }
+}
+
+void AppState::setTokenUnreadable(const std::optional<KeychainError>& value) {
+    if (m_tokenUnreadable != value) {
+        m_tokenUnreadable = value;
+        emit keyringProblemChanged();
     }
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KeychainError.h"
 #include "SharedFolder.h"
 
 #include <QCoroTask>
@@ -31,6 +32,7 @@ class AppState : public QObject {
     Q_PROPERTY(QString apiBase READ apiBase CONSTANT)
     Q_PROPERTY(QString fileAccessText READ fileAccessText NOTIFY fileAccessChanged)
     Q_PROPERTY(QString connectionProblem READ connectionProblem NOTIFY connectionProblemChanged)
+    Q_PROPERTY(QString keyringProblem READ keyringProblem NOTIFY keyringProblemChanged)
 
 public:
     ~AppState() override;
@@ -63,6 +65,11 @@ public:
     QString fileAccessText() const;
     // Why the bridge is not connected, in plain words; empty while connected or not paired.
     QString connectionProblem() const;
+    // Set while unpaired because the token store could not be read (a locked keyring): whether
+    // this computer is paired is then unknown.
+    const std::optional<KeychainError>& tokenUnreadable() const { return m_tokenUnreadable; }
+    // The same for the window, as a sentence that says what to do; empty when the store was read.
+    QString keyringProblem() const;
 
     // Told after every change made here. Set by the tray menu.
     std::function<void()> onChange;
@@ -72,8 +79,10 @@ public:
     // The same, awaitable (the command line waits for the outcome).
     QCoro::Task<> pairAndWait(QString code);
     Q_INVOKABLE void unpair();
-    // The same, finishing when the token is gone from the store.
-    QCoro::Task<> unpairAndWait();
+    // The same, finishing when the token is gone from the store; the store's failure, if any.
+    QCoro::Task<std::optional<KeychainError>> unpairAndWait();
+    // Reads the token store again, after the user unlocked it.
+    Q_INVOKABLE void retryKeyring();
     // Asks the user for a folder through the installed chooser.
     Q_INVOKABLE void addFolder();
     // Shares `path` directly (the command line); returns the record added.
@@ -106,6 +115,7 @@ signals:
     void requireWriteApprovalChanged();
     void fileAccessChanged();
     void connectionProblemChanged();
+    void keyringProblemChanged();
 
 private:
     AppState();
@@ -117,6 +127,7 @@ private:
     void setFolders(const QList<SharedFolder>& value);
     void setPairing(bool value);
     void setPairError(const std::optional<QString>& value);
+    void setTokenUnreadable(const std::optional<KeychainError>& value);
     QCoro::Task<bool> approveAgentWrite(QString path, qint64 bytes);
 
     bool m_online = false;
@@ -125,6 +136,7 @@ private:
     QList<SharedFolder> m_folders;
     bool m_pairing = false;
     std::optional<QString> m_pairError;
+    std::optional<KeychainError> m_tokenUnreadable;
     bool m_requireWriteApproval = true;
     QString m_apiBase;
     std::unique_ptr<BridgeClient> m_bridge;

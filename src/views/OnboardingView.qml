@@ -51,6 +51,9 @@ Item {
         function onPairedChanged() {
             if (AppState.paired && view.step === OnboardingStep.Pair)
                 view.step = OnboardingStep.Folders
+            // Paired all along, once the keyring could be read: as when opened already paired.
+            else if (AppState.paired && view.step === OnboardingStep.Welcome)
+                view.step = folders.count > 0 ? OnboardingStep.Done : OnboardingStep.Folders
         }
     }
 
@@ -130,6 +133,31 @@ Item {
                 icon: "checkmark.seal"
                 title: "Every write is approved"
                 subtitle: "Agents can't change files without your OK."
+            }
+            // Shown when the keyring could not be read at start: pairing again would be wrong
+            // for a computer that is paired, so unlocking and reading again comes first.
+            Column {
+                objectName: "keyringNotice"
+                width: parent.width
+                spacing: 8
+                visible: AppState.keyringProblem !== ""
+
+                Text {
+                    objectName: "keyringProblemText"
+                    width: parent.width
+                    text: AppState.keyringProblem
+                    color: Theme.red
+                    font.pixelSize: 12
+                    horizontalAlignment: Text.AlignHCenter
+                    wrapMode: Text.WordWrap
+                }
+                SecondaryButton {
+                    objectName: "keyringRetryButton"
+                    width: parent.width
+                    text: "Try Again"
+                    symbol: "arrow.clockwise"
+                    onClicked: AppState.retryKeyring()
+                }
             }
             PrimaryButton {
                 objectName: "getStartedButton"

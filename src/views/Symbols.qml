@@ -21,6 +21,7 @@ QtObject {
     // code: Material code point; enclosed: drawn white on a filled circle of the symbol's colour;
     // text: the stand-in.
     readonly property var table: ({
+        "arrow.clockwise": { code: 0xe5d5, text: "\u21bb" },
         "checkmark": { code: 0xe5ca, text: "\u2713" },
         "checkmark.seal": { code: 0xef76, text: "\u2713" },
         "checkmark.shield.fill": { code: 0xe8e8, text: "\u2713" },

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs a keychain test binary in a throwaway session, so it can never touch the user's own
 # keyring: its own HOME and XDG folders, no display (no unlock prompt can ever appear), and
-#   keyring     a private session bus with gnome-keyring's Secret Service, unlocked
+#   keyring     a private session bus with gnome-keyring's Secret Service, unlocked with the
+#               password in QUILLMAR_KEYRING_PASSWORD (so a test can lock and unlock it again)
 #   silent-bus  a private session bus with no secret service running (the test brings its own)
 #   no-bus      no session bus at all
 #   dead-bus    a session bus address that nothing listens on
@@ -34,8 +35,9 @@ status=0
 case "$mode" in
 keyring)
     # The password must not be empty: an empty one makes the daemon prompt for a new one.
+    export QUILLMAR_KEYRING_PASSWORD=sandbox-password
     timeout --kill-after=5 90 dbus-run-session -- bash -c \
-        'echo -n sandbox-password | gnome-keyring-daemon --unlock --components=secrets >/dev/null 2>&1; exec "$@"' \
+        'echo -n "$QUILLMAR_KEYRING_PASSWORD" | gnome-keyring-daemon --unlock --components=secrets >/dev/null 2>&1; exec "$@"' \
         keyring "$@" >"$output" 2>&1 || status=$?
     ;;
 silent-bus)

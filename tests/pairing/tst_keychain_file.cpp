@@ -21,16 +21,23 @@ namespace {
 // Loosely: the point is "no hang", not a benchmark.
 constexpr qint64 quickMs = 5000;
 
+// The token; a store that could not be read gives a text no test expects.
 std::optional<QString> load() {
-    return QCoro::waitFor(Keychain::loadToken());
+    const TokenLookup lookup = QCoro::waitFor(Keychain::loadToken());
+    if (lookup.error) {
+        return QStringLiteral("<unreadable: %1>").arg(lookup.error->reason());
+    }
+    return lookup.token;
 }
 
 void save(const QString& token) {
-    QCoro::waitFor(Keychain::saveToken(token));
+    const std::optional<KeychainError> error = QCoro::waitFor(Keychain::saveToken(token));
+    QVERIFY2(!error, qPrintable(error ? error->reason() : QString()));
 }
 
 void remove() {
-    QCoro::waitFor(Keychain::deleteToken());
+    const std::optional<KeychainError> error = QCoro::waitFor(Keychain::deleteToken());
+    QVERIFY2(!error, qPrintable(error ? error->reason() : QString()));
 }
 
 mode_t modeOf(const QString& path) {
@@ -187,15 +194,44 @@ private slots:
         QCOMPARE(load(), std::nullopt);
     }
 
-    void pinnedSecretStoreFailsQuietlyAndQuickly() {
+    void pinnedSecretStoreFailsAsUnreachableAndQuickly() {
         Keychain::setBackend(Keychain::Backend::SecretStore);
         QElapsedTimer clock;
         clock.start();
-        save(QStringLiteral("QmSecret-nowhere"));
-        QCOMPARE(load(), std::nullopt);
-        remove();
+        const std::optional<KeychainError> saved =
+            QCoro::waitFor(Keychain::saveToken(QStringLiteral("QmSecret-nowhere")));
+        QVERIFY(saved);
+        QCOMPARE(saved->kind(), KeychainError::Kind::Unreachable);
+        QCOMPARE(saved->reason(), QStringLiteral("no keyring could be reached"));
+        const TokenLookup loaded = QCoro::waitFor(Keychain::loadToken());
+        QCOMPARE(loaded.token, std::nullopt);
+        QVERIFY(loaded.error);
+        QCOMPARE(loaded.error->kind(), KeychainError::Kind::Unreachable);
+        const std::optional<KeychainError> removed = QCoro::waitFor(Keychain::deleteToken());
+        QVERIFY(removed);
+        QCOMPARE(removed->kind(), KeychainError::Kind::Unreachable);
         QVERIFY2(clock.elapsed() < quickMs, qPrintable(QString::number(clock.elapsed())));
         QVERIFY(!QFile::exists(file.path()));
+    }
+
+    void unwritableFileIsReportedWithItsPath() {
+        // Below a plain file no folder can be made, whoever runs the test.
+        TempTree elsewhere;
+        const QString blocker = elsewhere.file(QStringLiteral("not-a-folder"), "x");
+        const QByteArray dataHome = qgetenv("XDG_DATA_HOME");
+        qputenv("XDG_DATA_HOME", QFile::encodeName(blocker + QStringLiteral("/data")));
+        const std::optional<KeychainError> saved =
+            QCoro::waitFor(Keychain::saveToken(QStringLiteral("QmSecret-unwritable")));
+        const TokenLookup loaded = QCoro::waitFor(Keychain::loadToken());
+        qputenv("XDG_DATA_HOME", dataHome);
+        QVERIFY(saved);
+        QCOMPARE(saved->kind(), KeychainError::Kind::Other);
+        QCOMPARE(saved->reason(),
+                 QStringLiteral("the token file %1/data/app.quillmar.companion/device_token could "
+                                "not be written")
+                     .arg(blocker));
+        QCOMPARE(loaded.token, std::nullopt);
+        QCOMPARE(loaded.error, std::nullopt);
     }
 };
 

@@ -28,7 +28,7 @@ void StateSandbox::storeToken() {
 }
 
 bool StateSandbox::hasToken() const {
-    return QCoro::waitFor(Keychain::loadToken()).has_value();
+    return QCoro::waitFor(Keychain::loadToken()).token.has_value();
 }
 
 QString StateSandbox::folder(const QString& name) const {

@@ -31,7 +31,8 @@ public:
     }
 };
 
-const QByteArray okClaim = R"({"device_token":"tok-QmSecret-1","device_id":"dev-1","org_id":"org-1"})";
+const QByteArray okClaim =
+    R"({"device_token":"tok-QmSecret-1","device_id":"dev-1","org_id":"org-1"})";
 
 } // namespace
 
@@ -51,7 +52,13 @@ class AppStateTest : public QObject {
         return state;
     }
 
-    void storeToken(const QString& token) { QCoro::waitFor(Keychain::saveToken(token)); }
+    void storeToken(const QString& token) {
+        QCOMPARE(QCoro::waitFor(Keychain::saveToken(token)), std::nullopt);
+    }
+    static std::optional<QString> storedToken() {
+        const TokenLookup lookup = QCoro::waitFor(Keychain::loadToken());
+        return lookup.error ? QStringLiteral("<unreadable>") : lookup.token;
+    }
 
 private slots:
     void initTestCase() {
@@ -116,10 +123,12 @@ private slots:
 
     void storedTokenPairsAndConnectsAtLaunch() {
         storeToken(QStringLiteral("tok-QmSecret-0"));
-        qputenv("QUILLMAR_API", "http://127.0.0.1:1"); // nothing listens: the bridge reports and retries
+        qputenv("QUILLMAR_API",
+                "http://127.0.0.1:1"); // nothing listens: the bridge reports and retries
         AppState& state = freshState();
         QVERIFY(state.paired());
-        QTRY_VERIFY_WITH_TIMEOUT(state.statusText().startsWith(QStringLiteral("Reconnecting in 2s")), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            state.statusText().startsWith(QStringLiteral("Reconnecting in 2s")), 10000);
         QVERIFY(!state.online());
         QVERIFY(changes > 0);
     }
@@ -147,13 +156,42 @@ private slots:
         QVERIFY(!state.pairing());
         QVERIFY(!state.pairError());
         QCOMPARE(paired.count(), 1);
-        QCOMPARE(QCoro::waitFor(Keychain::loadToken()), std::optional<QString>(QStringLiteral("tok-QmSecret-1")));
+        QCOMPARE(storedToken(), std::optional<QString>(QStringLiteral("tok-QmSecret-1")));
         // The claim first; then the bridge's own handshake may reach the same server.
         QVERIFY(!server.requests().isEmpty());
         QCOMPARE(server.requests()[0].method, QByteArray("POST"));
         QVERIFY(server.requests()[0].body.contains("\"code\":\"ABCD1234\""));
         // The bridge starts with the new token.
         QTRY_VERIFY_WITH_TIMEOUT(state.statusText() != QStringLiteral("Not connected"), 10000);
+    }
+
+    void pairingWhoseTokenCannotBeSavedStaysUnpaired() {
+        RecordingHttpServer server;
+        server.respond(200, okClaim);
+        qputenv("QUILLMAR_API", server.base().toUtf8());
+        AppState& state = freshState();
+        // Below a plain file no folder can be made, whoever runs the test.
+        const QString blocker = home->file(QStringLiteral("not-a-folder"), "x");
+        qputenv("XDG_DATA_HOME", QFile::encodeName(blocker + QStringLiteral("/data")));
+        QSignalSpy paired(&state, &AppState::pairedChanged);
+        QCoro::waitFor(state.pairAndWait(QStringLiteral("ABCD1234")));
+        QCOMPARE(server.requests().size(), 1);
+        QVERIFY(!state.paired());
+        QVERIFY(!state.pairing());
+        QCOMPARE(paired.count(), 0);
+        QCOMPARE(state.pairErrorText(),
+                 QStringLiteral("The code worked, but the pairing couldn't be saved: the token "
+                                "file %1/data/app.quillmar.companion/device_token could not be "
+                                "written. Pair again with a new code once that is fixed; this one "
+                                "is used up.")
+                     .arg(blocker));
+        // The bridge was never started with the token it could not keep.
+        QTest::qWait(300);
+        QCOMPARE(state.statusText(), QStringLiteral("Not connected"));
+        QCOMPARE(server.requests().size(), 1);
+        QCOMPARE(storedToken(), std::nullopt);
+        QVERIFY(!state.tokenUnreadable());
+        QCOMPARE(state.keyringProblem(), QString());
     }
 
     void failedPairingAfterSuccessKeepsPaired() {
@@ -167,7 +205,9 @@ private slots:
         QCoro::waitFor(state.pairAndWait(QStringLiteral("BADCODE1")));
         QVERIFY(state.paired());
         QVERIFY(!state.pairing());
-        QCOMPARE(state.pairError(), std::optional<QString>(QStringLiteral("That code is invalid or expired. Generate a fresh one in the web app.")));
+        QCOMPARE(state.pairError(),
+                 std::optional<QString>(QStringLiteral(
+                     "That code is invalid or expired. Generate a fresh one in the web app.")));
         server.respond(500, "{}");
         QCoro::waitFor(state.pairAndWait(QStringLiteral("X")));
         QCOMPARE(state.pairErrorText(), QStringLiteral("Server returned 500."));
@@ -192,7 +232,7 @@ private slots:
         QCOMPARE(state.folders().size(), 1);
         // The bridge reports "Disconnected" first, then unpairing announces its own change.
         QCOMPARE(changes, before + 2);
-        QCOMPARE(QCoro::waitFor(Keychain::loadToken()), std::nullopt);
+        QCOMPARE(storedToken(), std::nullopt);
         // No reconnection follows an unpair.
         QTest::qWait(300);
         QCOMPARE(state.statusText(), QStringLiteral("Not connected"));
@@ -222,9 +262,11 @@ private slots:
     void removingAnUnknownFolderStillSavesAndAnnounces() {
         AppState& state = freshState();
         QVERIFY(!AppSettings::data(QStringLiteral("shared_folders")));
-        state.removeFolder(SharedFolder{QUuid::createUuid(), QStringLiteral("x"), QStringLiteral("/x"), std::nullopt});
+        state.removeFolder(SharedFolder{QUuid::createUuid(), QStringLiteral("x"),
+                                        QStringLiteral("/x"), std::nullopt});
         QCOMPARE(changes, 1);
-        QCOMPARE(AppSettings::data(QStringLiteral("shared_folders")), std::optional<QByteArray>("[]"));
+        QCOMPARE(AppSettings::data(QStringLiteral("shared_folders")),
+                 std::optional<QByteArray>("[]"));
     }
 
     void removingComparesOnlyIds() {
@@ -246,7 +288,8 @@ private slots:
         AppState& state = freshState();
         state.storeRequireWriteApproval(false);
         QCOMPARE(changes, 1);
-        QCOMPARE(AppSettings::boolean(QStringLiteral("require_write_approval")), std::optional<bool>(false));
+        QCOMPARE(AppSettings::boolean(QStringLiteral("require_write_approval")),
+                 std::optional<bool>(false));
         QVERIFY(!freshState().requireWriteApproval());
     }
 
@@ -261,10 +304,12 @@ private slots:
         AppState& state = freshState();
         prompt->answer = false;
         QVERIFY(!QCoro::waitFor(state.requestWriteApproval(QStringLiteral("R/a.txt"), 0)));
-        QCOMPARE(prompt->asked, QStringList{QStringLiteral("An agent wants to write 0 bytes to:\nR/a.txt")});
+        QCOMPARE(prompt->asked,
+                 QStringList{QStringLiteral("An agent wants to write 0 bytes to:\nR/a.txt")});
         prompt->answer = true;
         QVERIFY(QCoro::waitFor(state.requestWriteApproval(QStringLiteral("two\nlines"), 1536)));
-        QCOMPARE(prompt->asked.last(), QStringLiteral("An agent wants to write 1536 bytes to:\ntwo\nlines"));
+        QCOMPARE(prompt->asked.last(),
+                 QStringLiteral("An agent wants to write 1536 bytes to:\ntwo\nlines"));
         QCOMPARE(ApprovalPrompt::messageText(), QStringLiteral("Allow agent to write a file?"));
     }
 

@@ -49,13 +49,13 @@ void collectTexts(QQuickItem* item, QStringList& found) {
 
 } // namespace
 
-ViewHarness::ViewHarness() : m_home(std::make_unique<TempTree>()) {
+ViewHarness::ViewHarness(Keychain::Backend backend) : m_home(std::make_unique<TempTree>()) {
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_home->dir(QStringLiteral("config"))));
     qputenv("XDG_DATA_HOME", QFile::encodeName(m_home->dir(QStringLiteral("data"))));
     m_service = std::make_unique<ClaimStub>();
     m_service->respond(200, okClaim);
     qputenv("QUILLMAR_API", m_service->base().toUtf8());
-    Keychain::setBackend(Keychain::Backend::TokenFile);
+    Keychain::setBackend(backend);
     AppState::setBridgeEnabled(false);
     AppState::resetShared();
     m_chooser = std::make_shared<QueuedFolderChooser>();
@@ -70,7 +70,11 @@ ViewHarness::~ViewHarness() {
 }
 
 void ViewHarness::storeToken() {
-    QCoro::waitFor(Keychain::saveToken(QStringLiteral("tok-stored")));
+    const std::optional<KeychainError> error =
+        QCoro::waitFor(Keychain::saveToken(QStringLiteral("tok-stored")));
+    if (error) {
+        QTest::qFail(qPrintable(error->reason()), __FILE__, __LINE__);
+    }
 }
 
 AppState& ViewHarness::start() {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ClaimStub.h"
+#include "Keychain.h"
 #include "OnboardingWindowController.h"
 #include "QueuedFolderChooser.h"
 #include "TempTree.h"
@@ -17,12 +18,12 @@ class QQuickItem;
 class QQuickWindow;
 
 // One companion window on a throw-away state: settings, token file and folders in a temporary
-// home, the pairing service played by a local stub, the bridge left idle, and a folder chooser
-// that answers from a queue. Finds the window's items by object name and drives them with
-// mouse and keyboard events.
+// home (the token in the file unless another store is asked for), the pairing service played by a
+// local stub, the bridge left idle, and a folder chooser that answers from a queue. Finds the
+// window's items by object name and drives them with mouse and keyboard events.
 class ViewHarness {
 public:
-    ViewHarness();
+    explicit ViewHarness(Keychain::Backend backend = Keychain::Backend::TokenFile);
     ~ViewHarness();
     ViewHarness(const ViewHarness&) = delete;
     ViewHarness& operator=(const ViewHarness&) = delete;

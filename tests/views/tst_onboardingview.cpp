@@ -39,6 +39,7 @@ private slots:
         QCOMPARE(harness.step(), int(OnboardingStep::Welcome));
         QVERIFY(harness.item(QStringLiteral("welcomeStep"))->isVisible());
         QVERIFY(!harness.item(QStringLiteral("progressDots"))->isVisible());
+        QVERIFY(!harness.item(QStringLiteral("keyringNotice"))->isVisible());
         QCOMPARE(harness.value(QStringLiteral("getStartedButton"), "text").toString(),
                  QStringLiteral("Get Started"));
         QVERIFY(harness.value(QStringLiteral("getStartedButton"), "enabled").toBool());
