@@ -343,6 +343,11 @@ bool AccessPolicy::hides(QByteArrayView directory, QByteArrayView name) const {
     return false;
 }
 
+const SharedFolder* AccessPolicy::folderAt(QByteArrayView realPath) const {
+    const qsizetype index = rootOf(realPath);
+    return index < 0 ? nullptr : &m_folders[m_roots[index].folderIndex];
+}
+
 std::optional<QString> AccessPolicy::agentPath(const QByteArray& realPath) const {
     const qsizetype index = rootOf(realPath);
     if (index < 0) {

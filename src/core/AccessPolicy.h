@@ -50,6 +50,8 @@ public:
 
     // The real path of the shared folder, links resolved; empty when there is no such folder.
     QByteArray realRoot(const SharedFolder& folder) const;
+    // The innermost shared folder whose real place holds `realPath`, or nothing.
+    const SharedFolder* folderAt(QByteArrayView realPath) const;
     // A real path in the agents' form ("Photos/2024/a.jpg"), or nothing when it is in no folder.
     std::optional<QString> agentPath(const QByteArray& realPath) const;
 

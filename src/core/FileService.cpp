@@ -96,14 +96,15 @@ QCoro::Task<ToolResult> FileService::dispatch(QString method, QJsonObject params
 }
 
 ToolResult FileService::execute(const QString& method, const QJsonObject& params,
-                                const AccessPolicy& policy, const Approver& approve) {
+                                const AccessPolicy& policy, const Approver& approve,
+                                WriteRecorder* recorder) {
     try {
         if (method == u"local_write_file") {
             PendingWrite pending = FileWriter::prepare(params, policy);
             if (!approve || !approve(pending.shownPath, pending.data.size())) {
                 return FileWriter::declined();
             }
-            return FileWriter::commit(pending, policy);
+            return FileWriter::commit(pending, policy, recorder);
         }
         if (std::optional<ToolResult> result = runDirect(method, params, policy, true)) {
             return std::move(*result);

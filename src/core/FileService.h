@@ -11,6 +11,8 @@
 
 #include <functional>
 
+class WriteRecorder;
+
 // The one entry point for the agents' tool calls. Stateless: every call gets the shared folders
 // it may touch and returns one object, either the tool's result or {"error": message}.
 class FileService {
@@ -28,9 +30,11 @@ public:
     // the user is to be shown.
     using Approver = std::function<bool(const QString& shownPath, qint64 bytes)>;
     // The same call for a process that answers calls one by one and may block while the user
-    // is asked. Never throws; listings come as JSON text.
+    // is asked. Never throws; listings come as JSON text. `recorder` is told what a write
+    // replaces or creates.
     static ToolResult execute(const QString& method, const QJsonObject& params,
-                              const AccessPolicy& policy, const Approver& approve);
+                              const AccessPolicy& policy, const Approver& approve,
+                              WriteRecorder* recorder = nullptr);
 
     static QJsonObject errorObject(const QString& message);
 

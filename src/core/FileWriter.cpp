@@ -9,6 +9,7 @@
 #include "Platform.h"
 #include "ToolError.h"
 #include "WriteApproval.h"
+#include "WriteRecorder.h"
 
 #include <cerrno>
 
@@ -79,7 +80,16 @@ PendingWrite FileWriter::prepare(const QJsonObject& params, const AccessPolicy& 
         pending.data = content->toUtf8();
     }
 
+    // A read-only folder refuses before anything else is looked at, whether the path names it
+    // or a link leads into it.
+    if (const SharedFolder& named = policy.folders().at(resolved.folderIndex); named.readOnly) {
+        throw ToolError(readOnlyMessage(named.name));
+    }
     pending.target = policy.locate(resolved.item, AccessPolicy::Purpose::Write);
+    if (const SharedFolder* real = policy.folderAt(pending.target.realPath);
+        real && real->readOnly && !pending.target.realPath.isEmpty()) {
+        throw ToolError(readOnlyMessage(real->name));
+    }
     pending.shownPath = pending.path;
     // Where no link was followed the real place is the folder's place plus the same inner
     // path; otherwise the user is told where the write really goes.
@@ -100,7 +110,8 @@ PendingWrite FileWriter::prepare(const QJsonObject& params, const AccessPolicy& 
     return pending;
 }
 
-QJsonObject FileWriter::commit(PendingWrite& write, const AccessPolicy& policy) {
+QJsonObject FileWriter::commit(PendingWrite& write, const AccessPolicy& policy,
+                               WriteRecorder* recorder) {
     const QString& path = write.path;
     FileLocation& target = write.target;
     if (target.error == EINVAL) {
@@ -134,22 +145,45 @@ QJsonObject FileWriter::commit(PendingWrite& write, const AccessPolicy& policy) 
     // O_NONBLOCK: a FIFO without a reader fails at once instead of blocking the caller.
     const int flags = O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW;
     const char* name = target.name.constData();
+    bool created = false;
     FileDescriptor file(::openat(directory.get(), name, flags));
     if (!file.valid() && errno == ENOENT) {
         policy.confirmNew(directory.get(), target.name);
         file = FileDescriptor(::openat(directory.get(), name, flags | O_CREAT | O_EXCL, 0666));
+        created = file.valid();
     }
     if (!file.valid()) {
         throw FileSystemError(errno, QStringLiteral("write"), path);
     }
     policy.confirm(file.get());
-    // Replaced in full: truncated, then written. Only files have a length to cut.
     struct stat info {};
-    if (::fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode) &&
-        ::ftruncate(file.get(), 0) != 0) {
-        throw FileSystemError(errno, QStringLiteral("write"), path);
+    const bool haveStatus = ::fstat(file.get(), &info) == 0;
+    const bool regular = haveStatus && S_ISREG(info.st_mode);
+    if (recorder && regular && !created) {
+        // Read through a descriptor of its own, checked to be the very file about to be cut.
+        FileDescriptor previous(
+            ::openat(directory.get(), name, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW));
+        struct stat previousInfo {};
+        if (previous.valid() &&
+            (::fstat(previous.get(), &previousInfo) != 0 || previousInfo.st_dev != info.st_dev ||
+             previousInfo.st_ino != info.st_ino)) {
+            previous = FileDescriptor();
+        }
+        recorder->replacing(write, previous.get(), info);
     }
-    int error = writeAll(file.get(), write.data);
+    // Replaced in full: truncated, then written. Only files have a length to cut.
+    int error = 0;
+    if (regular && ::ftruncate(file.get(), 0) != 0) {
+        error = errno;
+    }
+    if (error == 0) {
+        error = writeAll(file.get(), write.data);
+    }
+    if (recorder && (regular || created)) {
+        struct stat after {};
+        const bool haveAfter = ::fstat(file.get(), &after) == 0;
+        recorder->written(write, created, haveAfter ? &after : nullptr);
+    }
     if (::close(file.release()) != 0 && error == 0 && errno != EINTR) {
         error = errno;
     }
@@ -159,6 +193,10 @@ QJsonObject FileWriter::commit(PendingWrite& write, const AccessPolicy& policy) 
     return QJsonObject{{QStringLiteral("success"), true},
                        {QStringLiteral("path"), path},
                        {QStringLiteral("bytes"), static_cast<qint64>(write.data.size())}};
+}
+
+QString FileWriter::readOnlyMessage(const QString& folderName) {
+    return QStringLiteral("The folder '%1' is shared read-only.").arg(folderName);
 }
 
 QJsonObject FileWriter::declined() {

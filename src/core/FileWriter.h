@@ -10,6 +10,8 @@
 
 #include <optional>
 
+class WriteRecorder;
+
 // local_write_file: creates or replaces one file inside a shared folder, after the user's
 // approval. In three steps, so that the question can be asked anywhere in between: prepare
 // (every check, nothing touched), the approval, commit.
@@ -18,8 +20,11 @@ public:
     // Throws ToolError before anything is asked or touched.
     static PendingWrite prepare(const QJsonObject& params, const AccessPolicy& policy);
     // Throws FileSystemError when the write fails, ToolError when the place has left the shared
-    // folders since it was checked.
-    static QJsonObject commit(PendingWrite& write, const AccessPolicy& policy);
+    // folders since it was checked. `recorder`, when given, is told what is replaced or made.
+    static QJsonObject commit(PendingWrite& write, const AccessPolicy& policy,
+                              WriteRecorder* recorder = nullptr);
+    // The refusal for a write into a folder shared read-only.
+    static QString readOnlyMessage(const QString& folderName);
     // The answer when the user said no.
     static QJsonObject declined();
 

@@ -134,6 +134,7 @@ PathResolver::Resolved PathResolver::resolve(const QString& agentPath,
     }
 
     Resolved resolved;
+    resolved.folderIndex = chosen - folders.constData();
     resolved.root = standardize(chosen->path);
     resolved.item = inner.isEmpty() ? resolved.root : standardize(resolved.root + u'/' + inner);
     const bool inside =

@@ -16,6 +16,7 @@ public:
     struct Resolved {
         QString root; // the chosen shared folder, standardised
         QString item; // the addressed location, standardised, equal to or below `root`
+        qsizetype folderIndex = -1; // the chosen folder's place in the list
     };
 
     // The `path` parameter when it is a non-empty string, unchanged; throws ToolError otherwise.

@@ -24,7 +24,8 @@ QByteArray jsonString(const QString& text) {
 // typed precomposed and "Cafe" + U+0301 read back from the file system are the same text.
 bool operator==(const SharedFolder& a, const SharedFolder& b) {
     return a.id == b.id && PathResolver::sameName(a.name, b.name) &&
-           PathResolver::sameName(a.path, b.path) && a.bookmark == b.bookmark;
+           PathResolver::sameName(a.path, b.path) && a.bookmark == b.bookmark &&
+           a.readOnly == b.readOnly;
 }
 
 QByteArray SharedFolder::toJson() const {
@@ -33,6 +34,9 @@ QByteArray SharedFolder::toJson() const {
                      ",\"path\":" + jsonString(path);
     if (bookmark) {
         out += ",\"bookmark\":" + jsonString(QString::fromLatin1(bookmark->toBase64()));
+    }
+    if (readOnly) {
+        out += ",\"read_only\":true";
     }
     out += '}';
     return out;
@@ -44,6 +48,9 @@ QJsonObject SharedFolder::toJsonObject() const {
                        {QStringLiteral("path"), path}};
     if (bookmark) {
         object.insert(QStringLiteral("bookmark"), QString::fromLatin1(bookmark->toBase64()));
+    }
+    if (readOnly) {
+        object.insert(QStringLiteral("read_only"), true);
     }
     return object;
 }
@@ -77,6 +84,13 @@ std::optional<SharedFolder> SharedFolder::fromJsonObject(const QJsonObject& obje
         }
         folder.bookmark = *decoded;
     } else if (!bookmark.isUndefined() && !bookmark.isNull()) {
+        return std::nullopt;
+    }
+
+    const QJsonValue readOnly = object.value(QStringLiteral("read_only"));
+    if (readOnly.isBool()) {
+        folder.readOnly = readOnly.toBool();
+    } else if (!readOnly.isUndefined() && !readOnly.isNull()) {
         return std::nullopt;
     }
     return folder;

@@ -15,11 +15,14 @@ struct SharedFolder {
     QString name;
     QString path;
     std::optional<QByteArray> bookmark;
+    // Agents may read but never write inside a read-only folder.
+    bool readOnly = false;
 
     friend bool operator==(const SharedFolder& a, const SharedFolder& b);
 
-    // Encoded form: keys id, name, path, bookmark in that order; `bookmark` is base64 and left
-    // out when absent. The id is upper-case, 36 characters.
+    // Encoded form: keys id, name, path, bookmark, read_only in that order; `bookmark` is base64
+    // and left out when absent, `read_only` is present only when true (records stored before it
+    // existed load as read-write). The id is upper-case, 36 characters.
     QByteArray toJson() const;
     QJsonObject toJsonObject() const;
     static std::optional<SharedFolder> fromJsonObject(const QJsonObject& object);

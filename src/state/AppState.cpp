@@ -1,5 +1,7 @@
 #include "AppState.h"
 
+#include "AccessPolicy.h"
+#include "ActivityLog.h"
 #include "AppIdentity.h"
 #include "AppSettings.h"
 #include "ApprovalPrompt.h"
@@ -7,14 +9,20 @@
 #include "ClaimDecodeError.h"
 #include "Confinement.h"
 #include "DeviceName.h"
+#include "FileService.h"
 #include "FileWorker.h"
 #include "FolderStore.h"
 #include "Keychain.h"
 #include "PairError.h"
 #include "PairingClient.h"
+#include "Platform.h"
 #include "WriteApproval.h"
 
 #include <QPointer>
+#include <QPromise>
+#include <QThreadPool>
+
+#include <QCoroFuture>
 
 namespace {
 
@@ -92,6 +100,14 @@ QString AppState::approvalSettingKey() {
     return QStringLiteral("require_write_approval");
 }
 
+QString AppState::pausedSettingKey() {
+    return QStringLiteral("sharing_paused");
+}
+
+QString AppState::pausedStatusText() {
+    return QStringLiteral("Paused");
+}
+
 void AppState::initialise() {
     m_online = false;
     m_paired = false;
@@ -106,7 +122,12 @@ void AppState::initialise() {
     m_apiBase = qEnvironmentVariableIsSet("QUILLMAR_API") ? qEnvironmentVariable("QUILLMAR_API")
                                                           : defaultApiBase();
     m_bridge = std::make_unique<BridgeClient>();
+    m_activity = std::make_unique<ActivityLog>();
     m_requireWriteApproval = AppSettings::boolean(approvalSettingKey()).value_or(true);
+    m_paused = AppSettings::boolean(pausedSettingKey()).value_or(false);
+    if (m_paused) {
+        m_statusText = pausedStatusText();
+    }
     m_folders = FolderStore::activate(FolderStore::load());
 
     QPointer<AppState> self(this);
@@ -117,16 +138,19 @@ void AppState::initialise() {
     m_worker->setFolders(m_folders);
     m_worker->setOwnFiles(AppIdentity::ownFiles());
     m_worker->setKernelConfinement(Confinement::wanted());
+    m_worker->setVersionStore(&m_versions);
     QObject::connect(m_worker.get(), &FileWorker::confinementChanged, this, [this] {
         emit fileAccessChanged();
         notify();
     });
-    m_bridge->dispatcher = [self, worker = m_worker.get()](QString method, QJsonObject params,
-                                                           QList<SharedFolder>) {
-        if (self) {
-            self->m_callConnection = self->m_bridge->connectionId();
+    m_bridge->dispatcher = [self](QString method, QJsonObject params,
+                                  QList<SharedFolder>) -> QCoro::Task<ToolResult> {
+        if (!self) {
+            co_return ToolResult(
+                FileService::errorObject(QStringLiteral("The companion is shutting down.")));
         }
-        return worker->run(std::move(method), std::move(params));
+        self->m_callConnection = self->m_bridge->connectionId();
+        co_return co_await self->runAgentCall(std::move(method), std::move(params), QString());
     };
     m_bridge->foldersProvider = [self] { return self ? self->m_folders : QList<SharedFolder>{}; };
     QObject::connect(m_bridge.get(), &BridgeClient::problemChanged, this, [this] {
@@ -138,7 +162,8 @@ void AppState::initialise() {
             return;
         }
         self->setOnline(online);
-        self->setStatusText(text);
+        // Closing the bridge for a pause reports "Disconnected"; the status stays "Paused".
+        self->setStatusText(self->m_paused ? pausedStatusText() : text);
         self->notify();
     };
 
@@ -149,9 +174,13 @@ void AppState::initialise() {
     m_tokenUnreadable = stored.error;
     if (stored.token) {
         m_paired = true;
-        if (bridgeEnabled) {
-            m_bridge->connect(*stored.token, m_apiBase);
-        }
+        connectBridge(*stored.token);
+    }
+}
+
+void AppState::connectBridge(const QString& token) {
+    if (bridgeEnabled && !m_paused) {
+        m_bridge->connect(token, m_apiBase);
     }
 }
 
@@ -199,9 +228,7 @@ QCoro::Task<> AppState::pairAndWait(QString code) {
         setPaired(true);
         setPairing(false);
         notify();
-        if (bridgeEnabled) {
-            m_bridge->connect(*token, m_apiBase);
-        }
+        connectBridge(*token);
     } else {
         setPairing(false);
         setPairError(failure);
@@ -220,7 +247,7 @@ QCoro::Task<std::optional<KeychainError>> AppState::unpairAndWait() {
     QCoro::Task<std::optional<KeychainError>> deletion = Keychain::deleteToken();
     setPaired(false);
     setOnline(false);
-    setStatusText(QStringLiteral("Not connected"));
+    setStatusText(m_paused ? pausedStatusText() : QStringLiteral("Not connected"));
     notify();
     const std::optional<KeychainError> failure = co_await deletion;
     // A token the store kept leaves the pairing as unknown as a locked keyring at start does.
@@ -248,8 +275,9 @@ void AppState::addFolder() {
     notify();
 }
 
-SharedFolder AppState::addFolderAt(const QString& path) {
-    const SharedFolder record = FolderStore::makeRecord(path, m_folders);
+SharedFolder AppState::addFolderAt(const QString& path, bool readOnly) {
+    SharedFolder record = FolderStore::makeRecord(path, m_folders);
+    record.readOnly = readOnly;
     QList<SharedFolder> folders = m_folders;
     folders.append(record);
     setFolders(folders);
@@ -282,6 +310,132 @@ void AppState::storeRequireWriteApproval(bool value) {
     notify();
 }
 
+void AppState::setFolderReadOnly(const SharedFolder& folder, bool readOnly) {
+    QList<SharedFolder> folders = m_folders;
+    bool changed = false;
+    for (SharedFolder& each : folders) {
+        if (each.id == folder.id && each.readOnly != readOnly) {
+            each.readOnly = readOnly;
+            changed = true;
+        }
+    }
+    if (!changed) {
+        return;
+    }
+    setFolders(folders);
+    FolderStore::save(m_folders);
+    notify();
+}
+
+void AppState::setFolderReadOnlyById(const QString& id, bool readOnly) {
+    for (const SharedFolder& folder : std::as_const(m_folders)) {
+        if (folder.id.toString(QUuid::WithoutBraces).toUpper() == id) {
+            setFolderReadOnly(folder, readOnly);
+            return;
+        }
+    }
+}
+
+void AppState::setPaused(bool paused) {
+    AppSettings::setBoolean(pausedSettingKey(), paused);
+    applyPaused(paused);
+    notify();
+}
+
+void AppState::applyPaused(bool value) {
+    if (m_paused == value) {
+        return;
+    }
+    m_paused = value;
+    emit pausedChanged();
+    if (value) {
+        m_bridge->disconnect();
+        setOnline(false);
+        setStatusText(pausedStatusText());
+        return;
+    }
+    setStatusText(QStringLiteral("Not connected"));
+    if (m_paired && !m_bridge->token().isEmpty()) {
+        connectBridge(m_bridge->token());
+    } else if (m_paired) {
+        // Paused since the start: the bridge has not been given the token yet.
+        reloadFromStore();
+    }
+}
+
+QCoro::Task<ToolResult> AppState::runAgentCall(QString method, QJsonObject params, QString agent) {
+    const QPointer<AppState> self(this);
+    ActivityEntry entry;
+    entry.time = QDateTime::currentDateTimeUtc();
+    entry.agent = agent;
+    entry.tool = method;
+    entry.subject = params
+                        .value(method == u"local_search_files" ? QStringLiteral("query")
+                                                               : QStringLiteral("path"))
+                        .toString();
+    ToolResult result;
+    if (m_paused) {
+        result = FileService::errorObject(QStringLiteral("Sharing is paused on the user's ") +
+                                          Platform::device() + u'.');
+    } else {
+        QCoro::Task<ToolResult> running = m_worker->run(std::move(method), std::move(params));
+        result = co_await running;
+        if (!self) {
+            co_return result;
+        }
+    }
+    const FileWorker::CallReport& report = m_worker->lastCall();
+    if (!result.isJson()) {
+        const QJsonValue error = result.toObject().value(QStringLiteral("error"));
+        if (error.isString()) {
+            entry.outcome =
+                report.declined ? ActivityEntry::Outcome::Declined : ActivityEntry::Outcome::Failed;
+            entry.error = error.toString();
+        }
+    }
+    if (!m_paused) {
+        entry.bytes = report.bytes;
+        entry.items = report.items;
+        entry.versionId = report.versionId;
+        entry.versionNote = report.versionNote;
+    }
+    m_activity->append(std::move(entry));
+    co_return result;
+}
+
+void AppState::restoreVersion(const QString& versionId) {
+    // Runs by itself; restoreFinished tells the outcome.
+    restoreVersionAndWait(versionId);
+}
+
+QCoro::Task<VersionStore::Restored> AppState::restoreVersionAndWait(QString versionId) {
+    const QPointer<AppState> self(this);
+    // The user's own action: any shared folder may be written back, read-only ones included.
+    QList<SharedFolder> folders = m_folders;
+    for (SharedFolder& folder : folders) {
+        folder.readOnly = false;
+    }
+    auto promise = std::make_shared<QPromise<VersionStore::Restored>>();
+    QFuture<VersionStore::Restored> restoring = promise->future();
+    promise->start();
+    QThreadPool::globalInstance()->start([promise, folders, versionId,
+                                          directory = m_versions.directory(),
+                                          budget = m_versions.budget()] {
+        VersionStore store(directory, budget);
+        promise->addResult(
+            store.restore(versionId, AccessPolicy(folders, AppIdentity::ownFiles())));
+        promise->finish();
+    });
+    const VersionStore::Restored restored = co_await restoring;
+    if (self) {
+        if (restored.ok) {
+            m_activity->markRestored(versionId);
+        }
+        emit restoreFinished(versionId, restored.ok, restored.message);
+    }
+    co_return restored;
+}
+
 QCoro::Task<bool> AppState::requestWriteApproval(QString path, qint64 bytes) {
     if (!m_requireWriteApproval) {
         co_return true;
@@ -296,6 +450,7 @@ QCoro::Task<bool> AppState::requestWriteApproval(QString path, qint64 bytes) {
 QCoro::Task<> AppState::reloadFromStore() {
     const QPointer<AppState> self(this);
     setRequireWriteApproval(AppSettings::boolean(approvalSettingKey()).value_or(true));
+    applyPaused(AppSettings::boolean(pausedSettingKey()).value_or(false));
     const QList<SharedFolder> stored = FolderStore::activate(FolderStore::load());
     if (stored != m_folders) {
         setFolders(stored);
@@ -312,14 +467,12 @@ QCoro::Task<> AppState::reloadFromStore() {
         }
     } else if (token && (!m_paired || *token != m_bridge->token())) {
         setPaired(true);
-        if (bridgeEnabled) {
-            m_bridge->connect(*token, m_apiBase);
-        }
+        connectBridge(*token);
     } else if (!token && m_paired) {
         m_bridge->disconnect();
         setPaired(false);
         setOnline(false);
-        setStatusText(QStringLiteral("Not connected"));
+        setStatusText(m_paused ? pausedStatusText() : QStringLiteral("Not connected"));
     }
     if (!lookup.error) {
         setTokenUnreadable(std::nullopt);
@@ -334,7 +487,8 @@ QJsonObject AppState::describe() const {
                        {QStringLiteral("problem"), connectionProblem()},
                        {QStringLiteral("file_access"), fileAccessText()},
                        {QStringLiteral("folders"), m_folders.size()},
-                       {QStringLiteral("ask_before_writing"), m_requireWriteApproval}};
+                       {QStringLiteral("ask_before_writing"), m_requireWriteApproval},
+                       {QStringLiteral("paused"), m_paused}};
 }
 
 QCoro::Task<bool> AppState::approveAgentWrite(QString path, qint64 bytes) {

@@ -2,6 +2,8 @@
 
 #include "KeychainError.h"
 #include "SharedFolder.h"
+#include "ToolResult.h"
+#include "VersionStore.h"
 
 #include <QCoroTask>
 #include <QJsonObject>
@@ -13,6 +15,7 @@
 #include <memory>
 #include <optional>
 
+class ActivityLog;
 class BridgeClient;
 class FileWorker;
 
@@ -33,6 +36,7 @@ class AppState : public QObject {
     Q_PROPERTY(QString fileAccessText READ fileAccessText NOTIFY fileAccessChanged)
     Q_PROPERTY(QString connectionProblem READ connectionProblem NOTIFY connectionProblemChanged)
     Q_PROPERTY(QString keyringProblem READ keyringProblem NOTIFY keyringProblemChanged)
+    Q_PROPERTY(bool paused READ paused NOTIFY pausedChanged)
 
 public:
     ~AppState() override;
@@ -48,6 +52,9 @@ public:
     // Used when QUILLMAR_API is not set.
     static QString defaultApiBase();
     static QString approvalSettingKey();
+    static QString pausedSettingKey();
+    // The status text while sharing is paused.
+    static QString pausedStatusText();
 
     bool online() const { return m_online; }
     bool paired() const { return m_paired; }
@@ -70,6 +77,8 @@ public:
     const std::optional<KeychainError>& tokenUnreadable() const { return m_tokenUnreadable; }
     // The same for the window, as a sentence that says what to do; empty when the store was read.
     QString keyringProblem() const;
+    // Sharing is paused: the bridge stays closed until it is resumed, even across restarts.
+    bool paused() const { return m_paused; }
 
     // Told after every change made here. Set by the tray menu.
     std::function<void()> onChange;
@@ -86,11 +95,28 @@ public:
     // Asks the user for a folder through the installed chooser.
     Q_INVOKABLE void addFolder();
     // Shares `path` directly (the command line); returns the record added.
-    SharedFolder addFolderAt(const QString& path);
+    SharedFolder addFolderAt(const QString& path, bool readOnly = false);
     void removeFolder(const SharedFolder& folder);
     Q_INVOKABLE void removeFolderById(const QString& id);
     // Flips the setting, stores it and tells `onChange` (the tray menu and the window's switch).
     Q_INVOKABLE void storeRequireWriteApproval(bool value);
+    // Shares the folder read-only (agents may read, never write) or read-write; stored.
+    void setFolderReadOnly(const SharedFolder& folder, bool readOnly);
+    Q_INVOKABLE void setFolderReadOnlyById(const QString& id, bool readOnly);
+    // Pauses or resumes sharing: closes or reopens the bridge; stored.
+    Q_INVOKABLE void setPaused(bool paused);
+
+    // Runs one agent call through the confined worker and records it in the activity.
+    // `agent` names who asked (empty for the service's agents).
+    QCoro::Task<ToolResult> runAgentCall(QString method, QJsonObject params, QString agent);
+    // The agents' recent calls, newest first; in memory only.
+    ActivityLog& activity() { return *m_activity; }
+    // Where writes keep what they replace.
+    VersionStore& versions() { return m_versions; }
+    // Puts back the version `versionId` (the user's action, never an agent's), off the main
+    // thread; restoreFinished tells the outcome.
+    Q_INVOKABLE void restoreVersion(const QString& versionId);
+    QCoro::Task<VersionStore::Restored> restoreVersionAndWait(QString versionId);
 
     // Reads the settings, the shared folders and the pairing again, after a command changed
     // them; connects or disconnects the bridge when the pairing changed.
@@ -116,6 +142,8 @@ signals:
     void fileAccessChanged();
     void connectionProblemChanged();
     void keyringProblemChanged();
+    void pausedChanged();
+    void restoreFinished(const QString& versionId, bool ok, const QString& message);
 
 private:
     AppState();
@@ -128,6 +156,8 @@ private:
     void setPairing(bool value);
     void setPairError(const std::optional<QString>& value);
     void setTokenUnreadable(const std::optional<KeychainError>& value);
+    void applyPaused(bool value);
+    void connectBridge(const QString& token);
     QCoro::Task<bool> approveAgentWrite(QString path, qint64 bytes);
 
     bool m_online = false;
@@ -143,4 +173,7 @@ private:
     std::unique_ptr<FileWorker> m_worker;
     // The bridge socket the call in progress came over (calls come one at a time).
     quint64 m_callConnection = 0;
+    bool m_paused = false;
+    std::unique_ptr<ActivityLog> m_activity;
+    VersionStore m_versions{VersionStore::defaultDirectory(), VersionStore::defaultBudget()};
 };

@@ -1,7 +1,9 @@
 #include "FileToolWorker.h"
 
 #include "FileService.h"
+#include "FileState.h"
 #include "JsonReader.h"
+#include "ToolResult.h"
 #include "ToolSandbox.h"
 
 #include <QJsonArray>
@@ -10,7 +12,9 @@
 #include <QUuid>
 
 #include <cerrno>
+#include <cstring>
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -72,8 +76,10 @@ bool FileToolWorker::setUp(const QByteArray& setup) {
         const QJsonObject folder = value.toObject();
         folders.append(SharedFolder{QUuid::createUuid(),
                                     folder.value(QStringLiteral("name")).toString(),
-                                    folder.value(QStringLiteral("path")).toString(), std::nullopt});
+                                    folder.value(QStringLiteral("path")).toString(), std::nullopt,
+                                    !folder.value(QStringLiteral("writable")).toBool()});
     }
+    m_keep = object.value(QStringLiteral("keep")).toBool();
     QStringList own;
     for (const QJsonValue& value : object.value(QStringLiteral("own")).toArray()) {
         own.append(value.toString());
@@ -109,8 +115,8 @@ bool FileToolWorker::answer(const QByteArray& call) {
     const QJsonObject params = object.value(QStringLiteral("params")).toObject();
     const ToolResult result = FileService::execute(
         method, params, *m_policy,
-        [this](const QString& shownPath, qint64 bytes) { return approve(shownPath, bytes); });
-    if (m_lost) {
+        [this](const QString& shownPath, qint64 bytes) { return approve(shownPath, bytes); }, this);
+    if (m_lost || !summarise(result)) {
         return false;
     }
     QByteArray payload;
@@ -128,6 +134,105 @@ bool FileToolWorker::answer(const QByteArray& call) {
         }
     }
     return write(WorkerProtocol::Kind::Result, payload);
+}
+
+bool FileToolWorker::writeWithDescriptor(WorkerProtocol::Kind kind, QByteArrayView payload,
+                                         int descriptor) {
+    if (descriptor < 0) {
+        return write(kind, payload);
+    }
+    const QByteArray frame = WorkerProtocol::encode(kind, payload);
+    // The descriptor travels with the frame's first byte; the rest follows as usual.
+    iovec first{const_cast<char*>(frame.constData()), 1};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr message{};
+    message.msg_iov = &first;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = SOL_SOCKET;
+    header->cmsg_type = SCM_RIGHTS;
+    header->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(header), &descriptor, sizeof(int));
+    ssize_t sent = -1;
+    do {
+        sent = ::sendmsg(m_output, &message, MSG_NOSIGNAL);
+    } while (sent < 0 && errno == EINTR);
+    if (sent != 1 || !writeAll(m_output, frame.constData() + 1, frame.size() - 1)) {
+        m_lost = true;
+        return false;
+    }
+    return true;
+}
+
+void FileToolWorker::replacing(const PendingWrite& write, int previous, const struct stat& before) {
+    if (!m_keep || m_lost) {
+        return;
+    }
+    const QJsonObject about{
+        {QStringLiteral("path"), write.path},
+        {QStringLiteral("real"), QString::fromLatin1(write.target.realPath.toBase64())},
+        {QStringLiteral("before"), FileState::of(before).toJson()},
+        {QStringLiteral("readable"), previous >= 0}};
+    if (!writeWithDescriptor(WorkerProtocol::Kind::Previous,
+                             QJsonDocument(about).toJson(QJsonDocument::Compact), previous)) {
+        return;
+    }
+    // The file is cut only once its bytes are safe (or the companion could not keep them).
+    const std::optional<WorkerProtocol::Frame> kept = read();
+    if (!kept || kept->kind != WorkerProtocol::Kind::Kept) {
+        m_lost = true;
+    }
+}
+
+void FileToolWorker::written(const PendingWrite& write, bool created, const struct stat* after) {
+    if (!m_keep || m_lost) {
+        return;
+    }
+    QJsonObject report{
+        {QStringLiteral("path"), write.path},
+        {QStringLiteral("real"), QString::fromLatin1(write.target.realPath.toBase64())},
+        {QStringLiteral("created"), created}};
+    if (after) {
+        report.insert(QStringLiteral("after"), FileState::of(*after).toJson());
+    }
+    this->write(WorkerProtocol::Kind::Written,
+                QJsonDocument(report).toJson(QJsonDocument::Compact));
+}
+
+bool FileToolWorker::summarise(const ToolResult& result) {
+    qint64 bytes = -1;
+    qint64 items = -1;
+    if (result.isJson()) {
+        // Listings are written with their count first: {"count":N,...}.
+        const QByteArray& json = result.json();
+        static const QByteArray prefix = QByteArrayLiteral("{\"count\":");
+        if (json.startsWith(prefix)) {
+            const qsizetype end = json.indexOf(',', prefix.size());
+            bool ok = false;
+            const qint64 count = json.mid(prefix.size(), end - prefix.size()).toLongLong(&ok);
+            items = ok ? count : -1;
+        }
+    } else {
+        const QJsonObject object = result.toObject();
+        if (object.contains(QStringLiteral("error"))) {
+            return true;
+        }
+        if (const QJsonValue content = object.value(QStringLiteral("content"));
+            content.isString()) {
+            bytes = content.toString().toUtf8().size();
+        } else if (const QJsonValue written = object.value(QStringLiteral("bytes"));
+                   written.isDouble()) {
+            bytes = written.toInteger();
+        }
+        if (const QJsonValue count = object.value(QStringLiteral("count")); count.isDouble()) {
+            items = count.toInteger();
+        }
+    }
+    const QJsonObject summary{{QStringLiteral("bytes"), bytes}, {QStringLiteral("items"), items}};
+    return write(WorkerProtocol::Kind::Summary,
+                 QJsonDocument(summary).toJson(QJsonDocument::Compact));
 }
 
 int FileToolWorker::run() {

@@ -1,9 +1,12 @@
 #include "FileWorker.h"
 
 #include "FileService.h"
+#include "FileState.h"
 #include "JsonReader.h"
+#include "VersionStore.h"
 
 #include <QCoreApplication>
+#include <QCoroFuture>
 #include <QCoroSignal>
 #include <QDir>
 #include <QElapsedTimer>
@@ -13,7 +16,9 @@
 #include <QLoggingCategory>
 #include <QPointer>
 #include <QProcess>
+#include <QPromise>
 #include <QSocketNotifier>
+#include <QThreadPool>
 #include <QTimer>
 
 #include <cerrno>
@@ -47,6 +52,8 @@ struct FileWorker::Instance {
     QByteArray input;
     QByteArray output;
     QQueue<WorkerProtocol::Frame> inbox;
+    // Descriptors passed alongside frames, in the order they came.
+    QQueue<int> descriptors;
     bool ended = false;
     QString endReason;
 
@@ -77,6 +84,9 @@ struct FileWorker::Instance {
             }
         }
         reader = writer = nullptr;
+        while (!descriptors.isEmpty()) {
+            ::close(descriptors.dequeue());
+        }
         if (socket >= 0) {
             ::close(socket);
             socket = -1;
@@ -153,6 +163,14 @@ void FileWorker::setLimits(const Limits& limits) {
     m_limits = limits;
 }
 
+void FileWorker::setVersionStore(VersionStore* store) {
+    const bool keepBefore = m_versions && m_versions->keepsVersions();
+    m_versions = store;
+    if (keepBefore != (store && store->keepsVersions())) {
+        m_setupChanged = true;
+    }
+}
+
 qint64 FileWorker::processId() const {
     return m_instance && m_instance->process && !m_instance->ended
                ? m_instance->process->processId()
@@ -164,11 +182,12 @@ QByteArray FileWorker::setupPayload() const {
     for (const SharedFolder& folder : m_folders) {
         folders.append(QJsonObject{{QStringLiteral("name"), folder.name},
                                    {QStringLiteral("path"), folder.path},
-                                   {QStringLiteral("writable"), true}});
+                                   {QStringLiteral("writable"), !folder.readOnly}});
     }
     const QJsonObject setup{{QStringLiteral("folders"), folders},
                             {QStringLiteral("own"), QJsonArray::fromStringList(m_ownFiles)},
-                            {QStringLiteral("confine"), m_kernelConfinement}};
+                            {QStringLiteral("confine"), m_kernelConfinement},
+                            {QStringLiteral("keep"), m_versions && m_versions->keepsVersions()}};
     return QJsonDocument(setup).toJson(QJsonDocument::Compact);
 }
 
@@ -217,6 +236,7 @@ QCoro::Task<ToolResult> FileWorker::runOne(QString method, QJsonObject params) {
                           u'.');
     }
     const quint64 generation = m_instance->generation;
+    m_lastCall = CallReport();
     send(WorkerProtocol::Kind::Call, QJsonDocument(QJsonObject{{QStringLiteral("method"), method},
                                                                {QStringLiteral("params"), params}})
                                          .toJson(QJsonDocument::Compact));
@@ -236,6 +256,32 @@ QCoro::Task<ToolResult> FileWorker::runOne(QString method, QJsonObject params) {
                     co_return ToolResult::fromJson(body);
                 }
                 co_return failure(QString::fromUtf8(body));
+            }
+            if (frame.kind == WorkerProtocol::Kind::Previous) {
+                QElapsedTimer keeping;
+                keeping.start();
+                QCoro::Task<bool> kept = keepPrevious(generation, frame.payload);
+                const bool stillThere = co_await kept;
+                if (!self) {
+                    co_return ToolResult(FileService::errorObject(
+                        QStringLiteral("The companion is shutting down.")));
+                }
+                askingMs += keeping.elapsed();
+                if (!stillThere) {
+                    co_return failure(lostMessage());
+                }
+                if (!m_instance->ended) {
+                    send(WorkerProtocol::Kind::Kept, QByteArrayView("\x01", 1));
+                }
+                continue;
+            }
+            if (frame.kind == WorkerProtocol::Kind::Written) {
+                noteWritten(frame.payload);
+                continue;
+            }
+            if (frame.kind == WorkerProtocol::Kind::Summary) {
+                noteSummary(frame.payload);
+                continue;
             }
             if (frame.kind != WorkerProtocol::Kind::Approve) {
                 stopInstance(QStringLiteral("it answered out of turn"));
@@ -257,6 +303,7 @@ QCoro::Task<ToolResult> FileWorker::runOne(QString method, QJsonObject params) {
                     FileService::errorObject(QStringLiteral("The companion is shutting down.")));
             }
             askingMs += asking.elapsed();
+            m_lastCall.declined = !allowed;
             // A worker that went away while the user was asked takes the answer with it.
             if (!m_instance || m_instance->generation != generation) {
                 co_return failure(lostMessage());
@@ -451,12 +498,30 @@ void FileWorker::readAvailable(quint64 generation) {
     bool arrived = false;
     while (true) {
         char chunk[64 * 1024];
-        const ssize_t got = ::read(instance.socket, chunk, sizeof chunk);
+        iovec space{chunk, sizeof chunk};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * 4)];
+        msghdr message{};
+        message.msg_iov = &space;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        const ssize_t got = ::recvmsg(instance.socket, &message, MSG_CMSG_CLOEXEC);
         if (got < 0 && errno == EINTR) {
             continue;
         }
         if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             break;
+        }
+        for (cmsghdr* header = CMSG_FIRSTHDR(&message); header;
+             header = CMSG_NXTHDR(&message, header)) {
+            if (header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_RIGHTS) {
+                const std::size_t count = (header->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+                for (std::size_t i = 0; i < count; ++i) {
+                    int descriptor = -1;
+                    std::memcpy(&descriptor, CMSG_DATA(header) + i * sizeof(int), sizeof(int));
+                    instance.descriptors.enqueue(descriptor);
+                }
+            }
         }
         if (got <= 0) {
             // The worker is going: its exit status (or signal) says why, when it comes.
@@ -519,4 +584,75 @@ bool FileWorker::send(WorkerProtocol::Kind kind, QByteArrayView payload) {
     // Written at once: the worker is waiting for it.
     flush(m_instance->generation);
     return true;
+}
+
+QCoro::Task<bool> FileWorker::keepPrevious(quint64 generation, QByteArray about) {
+    const QPointer<FileWorker> self(this);
+    const QJsonObject object = JsonReader::parse(about).object();
+    int descriptor = -1;
+    if (object.value(QStringLiteral("readable")).toBool() && !m_instance->descriptors.isEmpty()) {
+        descriptor = m_instance->descriptors.dequeue();
+    }
+    const std::optional<FileState> before =
+        FileState::fromJson(object.value(QStringLiteral("before")));
+    if (!m_versions || !before) {
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+        co_return true;
+    }
+    const QString path = object.value(QStringLiteral("path")).toString();
+    const QByteArray real =
+        QByteArray::fromBase64(object.value(QStringLiteral("real")).toString().toLatin1());
+    // A large file takes a while to copy: the companion goes on meanwhile. The store's folder
+    // is the companion's own; the worker never sees it.
+    VersionStore* store = m_versions;
+    auto promise = std::make_shared<QPromise<VersionStore::Kept>>();
+    QFuture<VersionStore::Kept> copying = promise->future();
+    promise->start();
+    QThreadPool::globalInstance()->start([promise, store, path, real, descriptor, before] {
+        promise->addResult(store->keep(path, real, descriptor, *before));
+        promise->finish();
+        if (descriptor >= 0) {
+            ::close(descriptor);
+        }
+    });
+    const VersionStore::Kept kept = co_await copying;
+    if (!self) {
+        co_return false;
+    }
+    m_lastCall.versionId = kept.id;
+    if (kept.id.isEmpty()) {
+        m_lastCall.versionNote = QStringLiteral("previous version not kept: ") + kept.problem;
+    }
+    co_return m_instance && m_instance->generation == generation;
+}
+
+void FileWorker::noteWritten(const QByteArray& report) {
+    const QJsonObject object = JsonReader::parse(report).object();
+    const std::optional<FileState> after =
+        FileState::fromJson(object.value(QStringLiteral("after")));
+    if (!m_versions || !after) {
+        return;
+    }
+    if (object.value(QStringLiteral("created")).toBool()) {
+        const QByteArray real =
+            QByteArray::fromBase64(object.value(QStringLiteral("real")).toString().toLatin1());
+        const VersionStore::Kept kept = m_versions->recordCreated(
+            object.value(QStringLiteral("path")).toString(), real, *after);
+        m_lastCall.versionId = kept.id;
+        m_lastCall.versionNote = kept.id.isEmpty()
+                                     ? QStringLiteral("new file, not recorded: ") + kept.problem
+                                     : QStringLiteral("new file");
+        return;
+    }
+    if (!m_lastCall.versionId.isEmpty()) {
+        m_versions->finish(m_lastCall.versionId, *after);
+    }
+}
+
+void FileWorker::noteSummary(const QByteArray& summary) {
+    const QJsonObject object = JsonReader::parse(summary).object();
+    m_lastCall.bytes = object.value(QStringLiteral("bytes")).toInteger(-1);
+    m_lastCall.items = object.value(QStringLiteral("items")).toInteger(-1);
 }

@@ -19,6 +19,7 @@
 #include <memory>
 
 class QProcess;
+class VersionStore;
 class QSocketNotifier;
 class QTimer;
 
@@ -43,6 +44,18 @@ public:
         std::chrono::milliseconds start{std::chrono::seconds(10)};
     };
 
+    // What the last call did, beyond its result: for the activity the user sees.
+    struct CallReport {
+        // Bytes read or written, entries listed or found; -1 when not applicable.
+        qint64 bytes = -1;
+        qint64 items = -1;
+        // The user said no to the write.
+        bool declined = false;
+        // The version that undoes the write, or why there is none.
+        QString versionId;
+        QString versionNote;
+    };
+
     FileWorker(QString program, Approver approver, QObject* parent = nullptr);
     ~FileWorker() override;
 
@@ -58,6 +71,8 @@ public:
     // Whether workers confine themselves with Landlock (on unless turned off).
     void setKernelConfinement(bool wanted);
     void setLimits(const Limits& limits);
+    // Where writes keep what they replace; none keeps nothing. Not owned.
+    void setVersionStore(VersionStore* store);
 
     // Runs one tool call; never throws. Failures of the worker itself come back as errors.
     QCoro::Task<ToolResult> run(QString method, QJsonObject params);
@@ -66,6 +81,8 @@ public:
     const Confinement& confinement() const { return m_confinement; }
     // The running worker's process id, 0 when none runs.
     qint64 processId() const;
+    // About the call that finished last (valid right after run() returns).
+    const CallReport& lastCall() const { return m_lastCall; }
 
 signals:
     void confinementChanged();
@@ -89,6 +106,11 @@ private:
     bool send(WorkerProtocol::Kind kind, QByteArrayView payload);
     QByteArray setupPayload() const;
     ToolResult failure(const QString& message) const;
+    // Keeps the bytes a write is about to replace (off the main thread); false if the worker
+    // went away meanwhile.
+    QCoro::Task<bool> keepPrevious(quint64 generation, QByteArray about);
+    void noteWritten(const QByteArray& report);
+    void noteSummary(const QByteArray& summary);
     QString lostMessage() const;
 
     QString m_program;
@@ -106,4 +128,6 @@ private:
     bool m_setupChanged = true;
     bool m_busy = false;
     QTimer* m_idleTimer = nullptr;
+    VersionStore* m_versions = nullptr;
+    CallReport m_lastCall;
 };

@@ -29,7 +29,8 @@ Confinement ToolSandbox::enter(const QList<SharedFolder>& folders, bool kernelCo
     if (kernelConfinement) {
         QList<Landlock::Folder> allowed;
         for (const SharedFolder& folder : folders) {
-            allowed.append(Landlock::Folder{AccessPolicy::realOrLexical(folder.path), true});
+            allowed.append(
+                Landlock::Folder{AccessPolicy::realOrLexical(folder.path), !folder.readOnly});
         }
         const Landlock::Outcome outcome = Landlock::restrictSelf(allowed);
         confinement = outcome.confined ? Confinement(Confinement::Kind::Kernel, outcome.abi)

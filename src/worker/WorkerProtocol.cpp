@@ -7,7 +7,7 @@ namespace WorkerProtocol {
 namespace {
 
 bool knownKind(quint8 kind) {
-    return kind >= quint8(Kind::Setup) && kind <= quint8(Kind::Result);
+    return kind >= quint8(Kind::Setup) && kind <= quint8(lastKind);
 }
 
 } // namespace
