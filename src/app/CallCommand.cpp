@@ -6,12 +6,14 @@
 #include "AppState.h"
 #include "Confinement.h"
 #include "FileService.h"
+#include "FileWorker.h"
 #include "FolderArguments.h"
 #include "FolderStore.h"
 #include "JsonReader.h"
 #include "SharedFolder.h"
 #include "TerminalApprovalPrompt.h"
 #include "ToolSandbox.h"
+#include "VersionStore.h"
 
 #include <QCoroTask>
 #include <QFileInfo>
@@ -28,7 +30,8 @@ int usageError(QTextStream& err, const QString& message) {
 
 QString CallCommand::usage() {
     return QStringLiteral(
-        "usage: quillmar-companion call METHOD [PARAMS_JSON] [--folder NAME=PATH]... [--yes]");
+        "usage: quillmar-companion call METHOD [PARAMS_JSON] [--folder NAME=PATH]...\n"
+        "       [--read-only-folder NAME=PATH]... [--yes]");
 }
 
 int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream& err) {
@@ -43,6 +46,7 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
     for (qsizetype i = 0; i < arguments.size(); ++i) {
         const QString& argument = arguments[i];
         QString folderSpec;
+        bool readOnly = false;
         if (argument == u"--yes") {
             assumeYes = true;
             continue;
@@ -54,6 +58,15 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
             folderSpec = arguments[++i];
         } else if (argument.startsWith(QStringLiteral("--folder="))) {
             folderSpec = argument.mid(9);
+        } else if (argument == u"--read-only-folder") {
+            if (i + 1 >= arguments.size()) {
+                return usageError(err, QStringLiteral("--read-only-folder needs NAME=PATH"));
+            }
+            folderSpec = arguments[++i];
+            readOnly = true;
+        } else if (argument.startsWith(QStringLiteral("--read-only-folder="))) {
+            folderSpec = argument.mid(19);
+            readOnly = true;
         } else if (argument.startsWith(u'-') && argument.size() > 1 && haveMethod) {
             return usageError(err, QStringLiteral("unknown option %1").arg(argument));
         } else if (!haveMethod) {
@@ -80,10 +93,11 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
         }
 
         QString folderError;
-        const std::optional<SharedFolder> folder = FolderArguments::parse(folderSpec, folderError);
+        std::optional<SharedFolder> folder = FolderArguments::parse(folderSpec, folderError);
         if (!folder) {
             return usageError(err, folderError);
         }
+        folder->readOnly = readOnly;
         folders.append(*folder);
         foldersGiven = true;
     }
@@ -99,18 +113,31 @@ int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream
     // this process cannot reach the companion's settings any more.
     const bool ask =
         !assumeYes && AppSettings::boolean(AppState::approvalSettingKey()).value_or(true);
-    const AccessPolicy policy(folders, AppIdentity::ownFiles());
-    // One call, one process: it confines itself as the companion's file-tool worker does.
-    ToolSandbox::enter(folders, Confinement::wanted());
-    // The same text the bridge sends; a listing comes as ready JSON, which is never an error.
-    const ToolResult result =
-        FileService::execute(method, params, policy, [ask](const QString& path, qint64 bytes) {
-            if (!ask) {
-                return true;
-            }
-            TerminalApprovalPrompt prompt;
-            return QCoro::waitFor(prompt.ask(path, bytes));
-        });
+    ToolResult result;
+    if (method == u"local_write_file") {
+        // A write keeps what it replaces in the companion's data folder, which a confined
+        // process cannot reach: it runs in the companion's worker, as the bridge's writes do.
+        VersionStore versions(VersionStore::defaultDirectory(), VersionStore::defaultBudget());
+        FileWorker worker(FileWorker::defaultProgram(),
+                          [ask](QString path, qint64 bytes) -> QCoro::Task<bool> {
+                              if (!ask) {
+                                  co_return true;
+                              }
+                              TerminalApprovalPrompt prompt;
+                              const bool allowed = co_await prompt.ask(path, bytes);
+                              co_return allowed;
+                          });
+        worker.setFolders(folders);
+        worker.setOwnFiles(AppIdentity::ownFiles());
+        worker.setVersionStore(&versions);
+        result = QCoro::waitFor(worker.run(method, params));
+    } else {
+        const AccessPolicy policy(folders, AppIdentity::ownFiles());
+        // One call, one process: it confines itself as the companion's file-tool worker does.
+        ToolSandbox::enter(folders, Confinement::wanted());
+        // The same text the bridge sends; a listing comes as ready JSON, which is never an error.
+        result = FileService::execute(method, params, policy, {});
+    }
     if (result.isJson()) {
         out << QString::fromUtf8(result.json()) << "\n" << Qt::flush;
         return 0;

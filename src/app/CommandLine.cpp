@@ -6,6 +6,7 @@
 #include "CallCommand.h"
 #include "DesktopApp.h"
 #include "HeadlessRunner.h"
+#include "HistoryCommands.h"
 #include "OnboardingWindowController.h"
 #include "StateCommands.h"
 #include "WindowPresenterFor.h"
@@ -30,6 +31,11 @@ const std::map<QString, Command>& commands() {
         {QStringLiteral("status"), StateCommands::status},
         {QStringLiteral("folders"), StateCommands::folders},
         {QStringLiteral("approval"), StateCommands::approval},
+        {QStringLiteral("pause"), StateCommands::pause},
+        {QStringLiteral("resume"), StateCommands::resume},
+        {QStringLiteral("activity"), StateCommands::activity},
+        {QStringLiteral("history"), HistoryCommands::history},
+        {QStringLiteral("restore"), HistoryCommands::restore},
         {QStringLiteral("autostart"), AutostartCommand::run},
     };
     return table;
@@ -50,12 +56,23 @@ QString helpText() {
                "  pair CODE             pair this computer with a code from the web app\n"
                "  unpair                forget the pairing (the shared folders are kept)\n"
                "  status                pairing, service, approval setting and shared folders\n"
-               "  folders               list the shared folders, one \"NAME<TAB>PATH\" per line\n"
-               "  folders add PATH      share a folder; prints the name agents use for it\n"
+               "  folders               list the shared folders, one \"NAME<TAB>PATH<TAB>ACCESS\"\n"
+               "                        per line (ACCESS: read-write or read-only)\n"
+               "  folders add PATH [--read-only]\n"
+               "                        share a folder; prints the name agents use for it\n"
                "  folders remove NAME   stop sharing the first folder of that name\n"
+               "  folders access NAME read-only|read-write\n"
+               "                        let agents only read that folder, or also write it\n"
                "  approval on|off       ask before each agent write (on), or not (off)\n"
+               "  pause                 close the connection until resume (kept across restarts)\n"
+               "  resume                let agents reach the shared folders again\n"
+               "  activity              the running companion's recent agent calls, newest first\n"
+               "  history               agent writes that can be undone: ID, time, path, size\n"
+               "  restore ID            put a file back as it was before that write (or remove\n"
+               "                        the file the write created)\n"
                "  autostart on|off      start the companion when you log in, or not\n"
-               "  call METHOD [PARAMS_JSON] [--folder NAME=PATH]... [--yes]\n"
+               "  call METHOD [PARAMS_JSON] [--folder NAME=PATH]...\n"
+               "       [--read-only-folder NAME=PATH]... [--yes]\n"
                "                        run one tool call as an agent would; prints the result\n"
                "\n"
                "Options:\n"

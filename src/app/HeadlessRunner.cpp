@@ -1,5 +1,6 @@
 #include "HeadlessRunner.h"
 
+#include "ActivityLog.h"
 #include "AppState.h"
 #include "BridgeClient.h"
 #include "KeychainError.h"
@@ -103,6 +104,10 @@ int HeadlessRunner::run(QTextStream& out, QTextStream& err) {
             lastAccess = state.fileAccessText();
             out << lastAccess << "\n" << Qt::flush;
         }
+    });
+    // One line per agent call, as it finishes.
+    QObject::connect(&state.activity(), &ActivityLog::appended, [&] {
+        out << state.activity().at(0).line() << "\n" << Qt::flush;
     });
     // The bridge reported its first status before onChange was set.
     state.onChange();

@@ -1,5 +1,6 @@
 #include "StateCommands.h"
 
+#include "ActivityEntry.h"
 #include "AppState.h"
 #include "KeychainError.h"
 #include "SingleInstance.h"
@@ -7,6 +8,7 @@
 #include <QCoroTask>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QJsonObject>
 
 namespace {
@@ -53,6 +55,10 @@ QString unremovedText(const KeychainError& error) {
                               "the keyring and run unpair again.");
     }
     return QStringLiteral("the pairing could not be removed: %1.").arg(error.reason());
+}
+
+QString accessWord(const SharedFolder& folder) {
+    return folder.readOnly ? QStringLiteral("read-only") : QStringLiteral("read-write");
 }
 
 } // namespace
@@ -103,6 +109,9 @@ int StateCommands::status(const QStringList& arguments, QTextStream& out, QTextS
                     : QStringLiteral("in the tray"))
             << " (process " << running->value(QStringLiteral("pid")).toInteger() << ")\n";
         out << "Connection: " << now.value(QStringLiteral("status")).toString() << "\n";
+        if (now.value(QStringLiteral("paused")).toBool()) {
+            out << "Sharing: paused (quillmar-companion resume to go on)\n";
+        }
         const QString problem = now.value(QStringLiteral("problem")).toString();
         if (!problem.isEmpty()) {
             out << "Why: " << problem << "\n";
@@ -111,45 +120,51 @@ int StateCommands::status(const QStringList& arguments, QTextStream& out, QTextS
         out << "Running: yes (process " << holder << "), but it does not answer\n";
     } else {
         out << "Running: no\n";
+        if (state.paused()) {
+            out << "Sharing: paused (quillmar-companion resume to go on)\n";
+        }
     }
     out << "API: " << state.apiBase() << "\n";
     out << "Ask before writing files: " << (state.requireWriteApproval() ? "on" : "off") << "\n";
     out << state.fileAccessText() << "\n";
     out << "Shared folders: " << state.folders().size() << "\n";
     for (const SharedFolder& folder : state.folders()) {
-        out << "  " << folder.name << "\t" << folder.path << "\n";
+        out << "  " << folder.name << "\t" << folder.path << "\t" << accessWord(folder) << "\n";
     }
     out << Qt::flush;
     return 0;
 }
 
 int StateCommands::folders(const QStringList& arguments, QTextStream& out, QTextStream& err) {
-    const QString usageText = QStringLiteral("folders [add PATH | remove NAME]");
+    const QString usageText = QStringLiteral(
+        "folders [add PATH [--read-only] | remove NAME | access NAME read-only|read-write]");
     if (arguments.isEmpty()) {
         for (const SharedFolder& folder : offlineState().folders()) {
-            out << folder.name << "\t" << folder.path << "\n";
+            out << folder.name << "\t" << folder.path << "\t" << accessWord(folder) << "\n";
         }
         out << Qt::flush;
         return 0;
     }
-    if (arguments.size() != 2) {
-        return usage(err, usageText);
-    }
     if (arguments[0] == u"add") {
-        const QFileInfo info(arguments[1]);
+        QStringList rest = arguments.mid(1);
+        const bool readOnly = rest.removeAll(QStringLiteral("--read-only")) > 0;
+        if (rest.size() != 1) {
+            return usage(err, usageText);
+        }
+        const QFileInfo info(rest[0]);
         if (!info.exists()) {
-            return fail(err, QStringLiteral("%1 does not exist.").arg(arguments[1]));
+            return fail(err, QStringLiteral("%1 does not exist.").arg(rest[0]));
         }
         if (!info.isDir()) {
-            return fail(err, QStringLiteral("%1 is not a folder.").arg(arguments[1]));
+            return fail(err, QStringLiteral("%1 is not a folder.").arg(rest[0]));
         }
         const SharedFolder added =
-            offlineState().addFolderAt(QDir::cleanPath(info.absoluteFilePath()));
+            offlineState().addFolderAt(QDir::cleanPath(info.absoluteFilePath()), readOnly);
         tellRunningCompanion();
         out << added.name << "\n" << Qt::flush;
         return 0;
     }
-    if (arguments[0] == u"remove") {
+    if (arguments[0] == u"remove" && arguments.size() == 2) {
         AppState& state = offlineState();
         for (const SharedFolder& folder : state.folders()) {
             if (folder.name == arguments[1]) {
@@ -157,6 +172,22 @@ int StateCommands::folders(const QStringList& arguments, QTextStream& out, QText
                 state.removeFolder(removed);
                 tellRunningCompanion();
                 out << "Stopped sharing " << removed.name << "\n" << Qt::flush;
+                return 0;
+            }
+        }
+        return fail(err, QStringLiteral("No shared folder named '%1'.").arg(arguments[1]));
+    }
+    if (arguments[0] == u"access" && arguments.size() == 3 &&
+        (arguments[2] == u"read-only" || arguments[2] == u"read-write")) {
+        AppState& state = offlineState();
+        for (const SharedFolder& folder : state.folders()) {
+            if (folder.name == arguments[1]) {
+                const SharedFolder changed = folder;
+                const bool readOnly = arguments[2] == u"read-only";
+                state.setFolderReadOnly(changed, readOnly);
+                tellRunningCompanion();
+                out << changed.name << "\t" << changed.path << "\t" << arguments[2] << "\n"
+                    << Qt::flush;
                 return 0;
             }
         }
@@ -173,5 +204,49 @@ int StateCommands::approval(const QStringList& arguments, QTextStream& out, QTex
     offlineState().storeRequireWriteApproval(on);
     tellRunningCompanion();
     out << "Ask before writing files: " << (on ? "on" : "off") << "\n" << Qt::flush;
+    return 0;
+}
+
+int StateCommands::pause(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+    if (!arguments.isEmpty()) {
+        return usage(err, QStringLiteral("pause"));
+    }
+    offlineState().setPaused(true);
+    tellRunningCompanion();
+    out << "Sharing paused: agents can't reach your files until you resume.\n" << Qt::flush;
+    return 0;
+}
+
+int StateCommands::resume(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+    if (!arguments.isEmpty()) {
+        return usage(err, QStringLiteral("resume"));
+    }
+    offlineState().setPaused(false);
+    tellRunningCompanion();
+    out << "Sharing resumed.\n" << Qt::flush;
+    return 0;
+}
+
+int StateCommands::activity(const QStringList& arguments, QTextStream& out, QTextStream& err) {
+    if (!arguments.isEmpty()) {
+        return usage(err, QStringLiteral("activity"));
+    }
+    const std::optional<QJsonObject> running =
+        SingleInstance::ask(SingleInstance::defaultDirectory(), QByteArrayLiteral("activity"));
+    if (!running) {
+        return fail(err, QStringLiteral("the companion is not running. Agents' calls are listed "
+                                        "only while it runs, and nothing of them is kept."));
+    }
+    const QJsonArray entries = running->value(QStringLiteral("activity")).toArray();
+    if (entries.isEmpty()) {
+        out << "No agent calls yet.\n" << Qt::flush;
+        return 0;
+    }
+    for (const QJsonValue& value : entries) {
+        if (const std::optional<ActivityEntry> entry = ActivityEntry::fromJson(value.toObject())) {
+            out << entry->line() << "\n";
+        }
+    }
+    out << Qt::flush;
     return 0;
 }

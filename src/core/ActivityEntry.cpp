@@ -1,6 +1,16 @@
 #include "ActivityEntry.h"
 
 #include "VersionStore.h"
+#include "VisibleText.h"
+
+namespace {
+
+// Safe on one line of a terminal or a menu, whatever the agent put in it.
+QString oneLine(const QString& text) {
+    return VisibleText::escaped(text).replace(u'\n', u'\u2424');
+}
+
+} // namespace
 
 QString ActivityEntry::outcomeText() const {
     switch (outcome) {
@@ -32,10 +42,11 @@ QString ActivityEntry::amountText() const {
 QString ActivityEntry::line() const {
     QString text = time.toLocalTime().toString(QStringLiteral("HH:mm:ss")) + QStringLiteral("  ");
     if (!agent.isEmpty()) {
-        text += agent + QStringLiteral("  ");
+        text += oneLine(agent) + QStringLiteral("  ");
     }
-    text += tool + QStringLiteral("  ") + (subject.isEmpty() ? QStringLiteral("-") : subject) +
-            QStringLiteral("  ") + outcomeText();
+    text += tool + QStringLiteral("  ") +
+            (subject.isEmpty() ? QStringLiteral("-") : oneLine(subject)) + QStringLiteral("  ") +
+            oneLine(outcomeText());
     if (const QString amount = amountText(); !amount.isEmpty()) {
         text += QStringLiteral(", ") + amount;
     }
@@ -43,7 +54,7 @@ QString ActivityEntry::line() const {
         text += restored ? QStringLiteral(" (restored)")
                          : QStringLiteral(" (version %1 kept)").arg(versionId);
     } else if (!versionNote.isEmpty()) {
-        text += QStringLiteral(" (") + versionNote + u')';
+        text += QStringLiteral(" (") + oneLine(versionNote) + u')';
     }
     return text;
 }
@@ -68,6 +79,18 @@ QJsonObject ActivityEntry::toJson() const {
     insertText(u"version", versionId);
     insertText(u"version_note", versionNote);
     return object;
+}
+
+QString ActivityEntry::shortened(const QString& text) {
+    constexpr qsizetype longest = 1000;
+    if (text.size() <= longest) {
+        return text;
+    }
+    qsizetype cut = longest;
+    if (text[cut - 1].isHighSurrogate()) {
+        --cut;
+    }
+    return text.left(cut) + u'\u2026';
 }
 
 std::optional<ActivityEntry> ActivityEntry::fromJson(const QJsonObject& object) {

@@ -38,6 +38,10 @@ struct ActivityEntry {
     // One line for a terminal or a menu: "14:03:07  local_read_file  Docs/a.txt  done, read 1 KiB".
     QString line() const;
 
+    // At most 1,000 characters of `text`, an ellipsis after what was cut: agents choose paths
+    // and errors quote them, and the log must stay small whatever they send.
+    static QString shortened(const QString& text);
+
     QJsonObject toJson() const;
     static std::optional<ActivityEntry> fromJson(const QJsonObject& object);
 };

@@ -206,8 +206,13 @@ QByteArray SingleInstance::answer(const QByteArray& request) {
         }
     } else if (request == "status\n") {
         reply.insert(QStringLiteral("state"), m_state);
+    } else if (request == "activity\n") {
+        reply.insert(QStringLiteral("activity"),
+                     m_activitySource ? m_activitySource() : QJsonArray());
     } else if (request == "reload\n") {
         emit reloadRequested();
+    } else if (request.startsWith("restored ") && request.endsWith('\n')) {
+        emit versionRestored(QString::fromUtf8(request.mid(9).chopped(1)));
     } else {
         return QByteArray();
     }

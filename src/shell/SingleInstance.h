@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
@@ -8,6 +9,7 @@
 #include <optional>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 
 class QLocalServer;
@@ -62,10 +64,15 @@ public:
     // whenever it changes; answered without waiting).
     void setMode(const QString& mode) { m_mode = mode; }
     void setState(const QJsonObject& state) { m_state = state; }
+    // The recent agent calls as JSON, made only when a command asks for them.
+    void setActivitySource(std::function<QJsonArray()> source) {
+        m_activitySource = std::move(source);
+    }
 
     // Asks the companion running for `directory`'s user: "status" gives its mode, process and
-    // state, "reload" makes it read its settings again. Nothing when none runs or it does not
-    // answer within `timeout`.
+    // state, "activity" its recent agent calls, "reload" makes it read its settings again,
+    // "restored ID" tells it that the user put back the version ID. Nothing when none runs or it
+    // does not answer within `timeout`.
     static std::optional<QJsonObject>
     ask(const QString& directory, const QByteArray& request,
         std::chrono::milliseconds timeout = std::chrono::seconds(2));
@@ -88,6 +95,8 @@ signals:
     void reopenRequested();
     // A command changed the settings, the shared folders or the pairing.
     void reloadRequested();
+    // A command put back a kept version.
+    void versionRestored(const QString& versionId);
 
 private:
     enum class Answer { None, Shown, Elsewhere };
@@ -100,6 +109,7 @@ private:
     QString m_directory;
     QString m_mode = QStringLiteral("desktop");
     QJsonObject m_state;
+    std::function<QJsonArray()> m_activitySource;
     QString m_runningMode;
     qint64 m_runningProcess = 0;
     std::unique_ptr<QLockFile> m_lock;

@@ -368,7 +368,7 @@ QCoro::Task<ToolResult> AppState::runAgentCall(QString method, QJsonObject param
     ActivityEntry entry;
     entry.time = QDateTime::currentDateTimeUtc();
     entry.agent = agent;
-    entry.tool = method;
+    entry.tool = ActivityEntry::shortened(method);
     entry.subject = params
                         .value(method == u"local_search_files" ? QStringLiteral("query")
                                                                : QStringLiteral("path"))
@@ -390,7 +390,7 @@ QCoro::Task<ToolResult> AppState::runAgentCall(QString method, QJsonObject param
         if (error.isString()) {
             entry.outcome =
                 report.declined ? ActivityEntry::Outcome::Declined : ActivityEntry::Outcome::Failed;
-            entry.error = error.toString();
+            entry.error = ActivityEntry::shortened(error.toString());
         }
     }
     if (!m_paused) {
