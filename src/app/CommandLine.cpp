@@ -86,7 +86,10 @@ QString helpText() {
            QStringLiteral(")\n"
                           "  QUILLMAR_KERNEL_CONFINEMENT=off\n"
                           "                        run the file tools without the kernel's "
-                          "confinement\n");
+                          "confinement\n"
+                          "  QUILLMAR_VERSION_BUDGET=BYTES\n"
+                          "                        how much of what agents' writes replace to "
+                          "keep (default 1 GiB)\n");
 }
 
 } // namespace

@@ -77,7 +77,9 @@ private slots:
         const QString help = QString::fromUtf8(r.out);
         for (const char* mention :
              {"pair CODE", "unpair", "status", "folders", "folders add PATH", "folders remove NAME",
-              "approval on|off", "autostart on|off", "call METHOD", "--folder NAME=PATH", "--yes",
+              "folders access NAME read-only|read-write", "--read-only", "approval on|off", "pause",
+              "resume", "activity", "history", "restore ID", "autostart on|off", "call METHOD",
+              "--folder NAME=PATH", "--read-only-folder NAME=PATH", "--yes",
               "--headless", "--help", "--version", "QUILLMAR_API"}) {
             QVERIFY2(help.contains(QString::fromUtf8(mention)), mention);
         }
@@ -187,7 +189,8 @@ private slots:
         r = companion({QStringLiteral("folders")});
         QCOMPARE(r.exitCode, 0);
         QCOMPARE(QString::fromUtf8(r.out),
-                 QStringLiteral("Docs\t%1\nDocs 2\t%2\nDocs 3\t%1\n").arg(docs, otherDocs));
+                 QStringLiteral("Docs\t%1\tread-write\nDocs 2\t%2\tread-write\nDocs 3\t%1\tread-write\n")
+                     .arg(docs, otherDocs));
 
         r = companion(args({"folders", "remove", "Docs 2"}));
         QCOMPARE(r.exitCode, 0);
@@ -198,7 +201,7 @@ private slots:
         QCOMPARE(r.err, QByteArray("quillmar-companion: No shared folder named 'Unknown'.\n"));
 
         r = companion({QStringLiteral("folders")});
-        QCOMPARE(QString::fromUtf8(r.out), QStringLiteral("Docs\t%1\nDocs 3\t%1\n").arg(docs));
+        QCOMPARE(QString::fromUtf8(r.out), QStringLiteral("Docs\t%1\tread-write\nDocs 3\t%1\tread-write\n").arg(docs));
     }
 
     void statusShowsPairingApiApprovalAndFolders() {
@@ -239,7 +242,7 @@ private slots:
                                                           "Ask before writing files: off\n"
                                                           "File access: confined by the kernel\n"
                                                           "Shared folders: 1\n"
-                                                          "  Docs\t%1\n")
+                                                          "  Docs\t%1\tread-write\n")
                                                .arg(docs));
 
         r = companion({QStringLiteral("unpair")});

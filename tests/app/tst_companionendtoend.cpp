@@ -343,8 +343,8 @@ private slots:
                                 "Ask before writing files: off\n"
                                 "File access: confined by the kernel\n"
                                 "Shared folders: 2\n"
-                                "  Docs\t%2\n"
-                                "  Pics\t%3\n")
+                                "  Docs\t%2\tread-write\n"
+                                "  Pics\t%3\tread-write\n")
                      .arg(service->baseUrl(), tree.path(QStringLiteral("Docs")),
                           tree.path(QStringLiteral("Pics"))));
     }

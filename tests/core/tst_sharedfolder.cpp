@@ -34,6 +34,24 @@ private slots:
                  QStringLiteral("AAH+/w=="));
     }
 
+    void readOnlyIsStoredOnlyWhenSet() {
+        SharedFolder folder = sample(QByteArray("b"));
+        folder.readOnly = true;
+        const QByteArray json = folder.toJson();
+        QVERIFY(json.endsWith(R"(,"bookmark":"Yg==","read_only":true})"));
+        QCOMPARE(SharedFolder::fromJsonObject(QJsonDocument::fromJson(json).object()), folder);
+        QCOMPARE(folder.toJsonObject().value(QStringLiteral("read_only")), QJsonValue(true));
+        QVERIFY(!(folder == sample(QByteArray("b"))));
+        // Records written before the flag existed load as read-write.
+        QVERIFY(!SharedFolder::fromJsonObject(QJsonDocument::fromJson(sample().toJson()).object())
+                     ->readOnly);
+        QJsonObject stored = sample().toJsonObject();
+        stored.insert(QStringLiteral("read_only"), false);
+        QCOMPARE(SharedFolder::fromJsonObject(stored), sample());
+        stored.insert(QStringLiteral("read_only"), QStringLiteral("yes"));
+        QVERIFY(!SharedFolder::fromJsonObject(stored).has_value());
+    }
+
     void idIsUpperCase36Characters() {
         const SharedFolder folder{QUuid::createUuid(), QStringLiteral("a"), QStringLiteral("/a"),
                                   std::nullopt};

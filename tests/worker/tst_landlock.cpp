@@ -1,13 +1,19 @@
+#include "AccessPolicy.h"
+#include "Confinement.h"
+#include "FileService.h"
 #include "Landlock.h"
 #include "TempTree.h"
+#include "ToolSandbox.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
+#include <QJsonObject>
 #include <QTcpServer>
 #include <QTest>
+#include <QUuid>
 
 #include <cerrno>
 #include <csignal>
@@ -418,6 +424,60 @@ private slots:
                  QByteArray("read me"));
         QVERIFY(!QFile::exists(m_tree->path(QStringLiteral("readonly/new.txt"))));
         QVERIFY(!QFile::exists(m_tree->path(QStringLiteral("readonly/newdir"))));
+    }
+
+    // The worker's own set-up: a folder shared read-only gets no write rights from the kernel,
+    // so even a write the companion's checks were wrongly told to allow is refused.
+    void readOnlySharedFolderRefusesTheWorkersWrites() {
+        const QList<SharedFolder> folders{
+            SharedFolder{QUuid::createUuid(), QStringLiteral("ro"),
+                         m_tree->path(QStringLiteral("readonly")), std::nullopt, true},
+            SharedFolder{QUuid::createUuid(), QStringLiteral("rw"),
+                         m_tree->path(QStringLiteral("writable")), std::nullopt, false}};
+        const auto write = [](const AccessPolicy& policy, const QString& path) {
+            return FileService::execute(
+                       QStringLiteral("local_write_file"),
+                       {{QStringLiteral("path"), path}, {QStringLiteral("content"), u"changed"_qs}},
+                       policy, [](const QString&, qint64) { return true; })
+                .toObject()
+                .value(QStringLiteral("error"))
+                .toString();
+        };
+        const ChildRun child = runChild({}, false, [&](int out) {
+            const Confinement confinement = ToolSandbox::enter(folders, true);
+            report(out, "kernel", confinement.kind() == Confinement::Kind::Kernel ? 1 : 0);
+            // The policy as the worker has it refuses with the user's words...
+            report(out, "policyRefuses",
+                   write(AccessPolicy(folders, {}), QStringLiteral("ro/notes.txt")) ==
+                           u"The folder 'ro' is shared read-only."
+                       ? 1
+                       : 0);
+            // ...and one that believes every folder writable meets the kernel's refusal.
+            QList<SharedFolder> believed = folders;
+            for (SharedFolder& folder : believed) {
+                folder.readOnly = false;
+            }
+            const AccessPolicy fooled(believed, {});
+            report(out, "existingRefused",
+                   write(fooled, QStringLiteral("ro/notes.txt")).contains(u"ermission denied") ? 1
+                                                                                               : 0);
+            report(out, "newRefused",
+                   write(fooled, QStringLiteral("ro/new.txt")).contains(u"ermission denied") ? 1
+                                                                                             : 0);
+            report(out, "writableTakes",
+                   write(fooled, QStringLiteral("rw/existing.txt")).isEmpty() ? 1 : 0);
+        });
+        QVERIFY(child.finished());
+        QCOMPARE(child["kernel"], 1);
+        QCOMPARE(child["policyRefuses"], 1);
+        QCOMPARE(child["existingRefused"], 1);
+        QCOMPARE(child["newRefused"], 1);
+        QCOMPARE(child["writableTakes"], 1);
+        QCOMPARE(contents(m_tree->path(QStringLiteral("readonly/notes.txt"))),
+                 QByteArray("read me"));
+        QVERIFY(!QFile::exists(m_tree->path(QStringLiteral("readonly/new.txt"))));
+        QCOMPARE(contents(m_tree->path(QStringLiteral("writable/existing.txt"))),
+                 QByteArray("changed"));
     }
 
     void writableFolderTakesNewAndChangedFiles() {
