@@ -11,12 +11,16 @@
 //   bridge-bench worker WORKER FOLDER N       N list calls through a FileWorker running the
 //                                             worker program WORKER, and in process; the
 //                                             worker's start-up time and memory
+//   bridge-bench versions WORKER FOLDER N     N overwrites of a 1 MiB file through a
+//                                             FileWorker, keeping the previous version and
+//                                             not, alternately
 
 #include "AccessPolicy.h"
 #include "AppIdentity.h"
 #include "FileService.h"
 #include "FileWorker.h"
 #include "SharedFolder.h"
+#include "VersionStore.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -25,6 +29,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <QTextStream>
 #include <QUuid>
 
@@ -392,6 +397,70 @@ int workerCalls(const QStringList& args) {
 
 } // namespace
 
+// What keeping versions costs a write: the same 1 MiB overwrite through the worker with a version
+// store (each write first copies the file it replaces, durably) and without one, in turns so
+// that both see the same machine. The store is emptied between rounds so its budget never
+// prunes during a timed write.
+int versionCosts(const QStringList& args) {
+    const QString program = args.value(0);
+    const QString folder = args.value(1);
+    const int count = std::max(3, args.value(2).toInt());
+    const QList<SharedFolder> folders{
+        SharedFolder{QUuid::createUuid(), QStringLiteral("Data"), folder, std::nullopt}};
+    QFile seed(folder + QStringLiteral("/one-mib.bin"));
+    if (!seed.open(QIODevice::WriteOnly) ||
+        seed.write(QByteArray(1024 * 1024, 'v')) != 1024 * 1024) {
+        out << "cannot write " << seed.fileName() << Qt::endl;
+        return 1;
+    }
+    seed.close();
+    const QJsonObject params{{QStringLiteral("path"), QStringLiteral("Data/one-mib.bin")},
+                             {QStringLiteral("content_base64"),
+                              QString::fromLatin1(QByteArray(1024 * 1024, 'w').toBase64())}};
+    const QString method = QStringLiteral("local_write_file");
+    const auto allow = [](QString, qint64) -> QCoro::Task<bool> { co_return true; };
+
+    QTemporaryDir storeDir;
+    VersionStore store(storeDir.path() + QStringLiteral("/versions"), VersionStore::Budget());
+    FileWorker keeping(program, allow);
+    keeping.setFolders(folders);
+    keeping.setVersionStore(&store);
+    FileWorker plain(program, allow);
+    plain.setFolders(folders);
+
+    std::vector<double> with;
+    std::vector<double> without;
+    for (int i = 0; i < count + 2; ++i) {
+        for (FileWorker* worker : {&keeping, &plain}) {
+            const auto start = Clock::now();
+            const ToolResult result = QCoro::waitFor(worker->run(method, params));
+            const double took = micros(Clock::now() - start);
+            if (!result.isJson()) {
+                out << "write failed: " << QJsonDocument(result.toObject()).toJson() << Qt::endl;
+                return 1;
+            }
+            if (i >= 2) {
+                (worker == &keeping ? with : without).push_back(took);
+            }
+        }
+        if (i >= 2 && keeping.lastCall().versionId.isEmpty()) {
+            out << "no version kept: " << keeping.lastCall().versionNote << Qt::endl;
+            return 1;
+        }
+        for (const VersionRecord& record : store.list()) {
+            QFile::remove(store.directory() + u'/' + record.id + QStringLiteral(".bytes"));
+            QFile::remove(store.directory() + u'/' + record.id + QStringLiteral(".json"));
+        }
+    }
+    const double on = percentile(with, 50) / 1000.0;
+    const double off = percentile(without, 50) / 1000.0;
+    out << "1 MiB overwrite through the worker: versions kept p50 " << QString::number(on, 'f', 2)
+        << " ms, not kept p50 " << QString::number(off, 'f', 2) << " ms (" << count << " each)"
+        << Qt::endl;
+    out << "versions on / off: " << QString::number(on / off, 'f', 2) << "x" << Qt::endl;
+    return 0;
+}
+
 int main(int argc, char* argv[]) {
     QCoreApplication app(argc, argv);
     const QStringList args = app.arguments().mid(1);
@@ -404,6 +473,9 @@ int main(int argc, char* argv[]) {
     }
     if (mode == u"search") {
         return searches(args.mid(1));
+    }
+    if (mode == u"versions") {
+        return versionCosts(args.mid(1));
     }
     if (mode == u"worker") {
         return workerCalls(args.mid(1));

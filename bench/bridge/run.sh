@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Bridge benchmark: round trips of small tool calls from the agent API through the dev service
 # and the bridge to `quillmar-companion --headless`, next to the same calls in process; and one big
-# search through the bridge next to `quillmar-companion call`. All numbers of one run.
+# search through the bridge next to `quillmar-companion call`; what keeping the previous version
+# costs a 1 MiB overwrite. All numbers of one run.
 #
 #   bench/bridge/run.sh [--summary FILE] [BUILD_DIR]   (default build/bridge; built first if needed)
 # Environment: CALLS (10000), DIRS (2000), FILES (100), REPEAT (5), QUILLMAR_BRIDGE_BUILD (the
@@ -82,6 +83,11 @@ stop_companion
 echo "== the worker alone: $calls local_list_files through FileWorker and in process"
 "$bench" worker "$build/src/app/quillmar-file-worker" "$work/Small" "$calls" | tee "$work/worker.out"
 
+echo "== what keeping versions costs: 1 MiB overwrites through FileWorker, with and without"
+mkdir -p "$work/Data"
+"$bench" versions "$build/src/app/quillmar-file-worker" "$work/Data" "$((repeat * 6))" \
+    | tee "$work/versions.out"
+
 # The same small calls with the companion on Qt's own event loop instead of GLib's (see README).
 start_companion QT_NO_GLIB=1
 echo "== the small calls again, companion with QT_NO_GLIB=1"
@@ -114,4 +120,6 @@ if [ -n "$summary" ]; then
     summarize "worker: start to first answer" "$work/worker.out" '^worker start to first answer:' \
         "-" info " ms"
     summarize "worker: memory while running" "$work/worker.out" '^worker memory:' "-" info " MiB"
+    summarize "versions: 1 MiB overwrite, kept / not kept" "$work/versions.out" \
+        '^versions on / off:' "-" info ""
 fi
