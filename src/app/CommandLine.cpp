@@ -7,6 +7,7 @@
 #include "DesktopApp.h"
 #include "HeadlessRunner.h"
 #include "HistoryCommands.h"
+#include "McpCommand.h"
 #include "OnboardingWindowController.h"
 #include "StateCommands.h"
 #include "WindowPresenterFor.h"
@@ -36,6 +37,7 @@ const std::map<QString, Command>& commands() {
         {QStringLiteral("activity"), StateCommands::activity},
         {QStringLiteral("history"), HistoryCommands::history},
         {QStringLiteral("restore"), HistoryCommands::restore},
+        {QStringLiteral("mcp"), McpCommand::run},
         {QStringLiteral("autostart"), AutostartCommand::run},
     };
     return table;
@@ -71,6 +73,8 @@ QString helpText() {
                "  restore ID            put a file back as it was before that write (or remove\n"
                "                        the file the write created)\n"
                "  autostart on|off      start the companion when you log in, or not\n"
+               "  mcp                   serve the shared folders to agents on this computer\n"
+               "                        (Model Context Protocol on standard input and output)\n"
                "  call METHOD [PARAMS_JSON] [--folder NAME=PATH]...\n"
                "       [--read-only-folder NAME=PATH]... [--yes]\n"
                "                        run one tool call as an agent would; prints the result\n"

@@ -14,19 +14,19 @@ namespace {
 
 // Whatever reached the terminal before the question was shown was not typed in answer to it: a
 // stray "y" typed ahead, or bytes another program pushed in. It is thrown away.
-void discardTypeAhead() {
-    ::tcflush(STDIN_FILENO, TCIFLUSH);
+void discardTypeAhead(int input) {
+    ::tcflush(input, TCIFLUSH);
     // Input already on its way in while flushing may land just after it. Only what poll() calls
     // readable is read (a whole line, or an end of input), so this never waits; the bound keeps
     // a terminal that is typed into without pause from holding up the question.
     for (int round = 0; round < 64; ++round) {
-        pollfd input{STDIN_FILENO, POLLIN, 0};
-        if (::poll(&input, 1, 0) != 1 || (input.revents & POLLIN) == 0 ||
-            (input.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+        pollfd ready{input, POLLIN, 0};
+        if (::poll(&ready, 1, 0) != 1 || (ready.revents & POLLIN) == 0 ||
+            (ready.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
             return;
         }
         char buffer[256];
-        if (::read(STDIN_FILENO, buffer, sizeof buffer) < 0) {
+        if (::read(input, buffer, sizeof buffer) < 0) {
             return;
         }
     }
@@ -34,24 +34,33 @@ void discardTypeAhead() {
 
 } // namespace
 
+TerminalApprovalPrompt::TerminalApprovalPrompt(int input, int output)
+    : m_input(input), m_output(output) {}
+
 bool TerminalApprovalPrompt::terminalAvailable() {
     return ::isatty(STDIN_FILENO) == 1;
 }
 
 QCoro::Task<bool> TerminalApprovalPrompt::ask(QString path, qint64 bytes) {
-    if (!terminalAvailable()) {
+    if (m_input < 0 || ::isatty(m_input) != 1) {
         co_return false;
     }
     const QByteArray question =
         messageText().toUtf8() + '\n' + informativeText(path, bytes).toUtf8() + "\nAllow? [y/N] ";
     // Only what is typed once the question is on the screen answers it.
-    discardTypeAhead();
-    std::fwrite(question.constData(), 1, static_cast<std::size_t>(question.size()), stderr);
-    std::fflush(stderr);
+    discardTypeAhead(m_input);
+    for (qsizetype written = 0; written < question.size();) {
+        const ssize_t n = ::write(m_output, question.constData() + written,
+                                  std::size_t(question.size() - written));
+        if (n <= 0) {
+            break;
+        }
+        written += n;
+    }
 
     // Wait for the answer without blocking the event loop: the bridge keeps its socket alive.
     QByteArray line;
-    QSocketNotifier notifier(STDIN_FILENO, QSocketNotifier::Read);
+    QSocketNotifier notifier(m_input, QSocketNotifier::Read);
     while (!line.contains('\n')) {
         // activated() is a private signal: qCoro() would hand its QPrivateSignal argument on as
         // a reference to nothing. A slot without arguments finishes a future instead, and the
@@ -63,7 +72,7 @@ QCoro::Task<bool> TerminalApprovalPrompt::ask(QString path, qint64 bytes) {
         co_await readable.future();
         QObject::disconnect(connection);
         char buffer[256];
-        const ssize_t got = ::read(STDIN_FILENO, buffer, sizeof buffer);
+        const ssize_t got = ::read(m_input, buffer, sizeof buffer);
         if (got <= 0) {
             break; // end of input counts as a refusal
         }

@@ -3,6 +3,7 @@
 #include "AppIdentity.h"
 
 #include <QCoreApplication>
+#include <QCoroSignal>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFileInfo>
@@ -10,6 +11,7 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QLockFile>
+#include <QPointer>
 #include <QStandardPaths>
 #include <QThread>
 
@@ -20,8 +22,11 @@ namespace {
 
 // A later launch says one short line; anything longer is not ours.
 constexpr qint64 longestMessage = 64;
-// The running companion's answer, one JSON line.
-constexpr qint64 longestAnswer = 64 * 1024;
+// The running companion's answer, one JSON line (the activity is the longest).
+constexpr qint64 longestAnswer = 16 * 1024 * 1024;
+// A tool call handed over ("call LENGTH" and a line feed, then LENGTH bytes of JSON): as large
+// as the bridge takes a message.
+constexpr qint64 longestCall = 64 * 1024 * 1024;
 
 // Sends one request line and reads the one-line answer: nothing when no companion took the
 // request or none answered in time, an empty answer when one closed without answering.
@@ -230,6 +235,26 @@ void SingleInstance::acceptConnections() {
                 return;
             }
             const QByteArray line = socket->readLine(longestMessage);
+            if (line.startsWith("call ")) {
+                bool ok = false;
+                const qint64 length = line.mid(5).trimmed().toLongLong(&ok);
+                if (!ok || length <= 0 || length > longestCall) {
+                    socket->abort();
+                    return;
+                }
+                // The call's bytes follow; what arrives from now on is the call's.
+                disconnect(socket, &QLocalSocket::readyRead, this, nullptr);
+                auto readCall = [this, socket, length] {
+                    if (socket->bytesAvailable() < length) {
+                        return;
+                    }
+                    disconnect(socket, &QLocalSocket::readyRead, this, nullptr);
+                    answerCall(socket, socket->read(length));
+                };
+                connect(socket, &QLocalSocket::readyRead, this, readCall);
+                readCall();
+                return;
+            }
             socket->write(answer(line));
             socket->flush();
             socket->disconnectFromServer();
@@ -238,4 +263,48 @@ void SingleInstance::acceptConnections() {
         // The whole line may have arrived with the connection.
         readMessage();
     }
+}
+
+QCoro::Task<> SingleInstance::answerCall(QLocalSocket* socket, QByteArray call) {
+    const QPointer<QLocalSocket> caller(socket);
+    QByteArray reply;
+    const QJsonObject request = QJsonDocument::fromJson(call).object();
+    if (!m_callHandler) {
+        reply = QByteArrayLiteral("1This companion does not take calls from local agents.");
+    } else if (request.isEmpty()) {
+        reply = QByteArrayLiteral("1The call was not a JSON object.");
+    } else {
+        QCoro::Task<QByteArray> handling = m_callHandler(request, [caller] {
+            return caller && caller->state() == QLocalSocket::ConnectedState;
+        });
+        reply = co_await handling;
+    }
+    if (caller && caller->state() == QLocalSocket::ConnectedState) {
+        caller->write(reply);
+        // Closes once everything is written.
+        caller->disconnectFromServer();
+    }
+}
+
+QCoro::Task<std::optional<QByteArray>> SingleInstance::handOverCall(QString directory,
+                                                                    QByteArray call) {
+    if (directory.isEmpty()) {
+        co_return std::nullopt;
+    }
+    QLocalSocket socket;
+    socket.connectToServer(SingleInstance(directory).socketPath());
+    if (!socket.waitForConnected(2000)) {
+        co_return std::nullopt;
+    }
+    socket.write("call " + QByteArray::number(call.size()) + '\n');
+    socket.write(call);
+    // The answer is everything until the companion closes the connection.
+    while (socket.state() == QLocalSocket::ConnectedState) {
+        auto closing = qCoro(&socket, &QLocalSocket::disconnected, std::chrono::seconds(30));
+        const auto closed = co_await closing;
+        if (!closed && socket.state() == QLocalSocket::ConnectedState && holder(directory) == 0) {
+            co_return QByteArray(); // gone without closing: nobody will answer
+        }
+    }
+    co_return socket.readAll();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QCoroTask>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QObject>
@@ -13,6 +14,7 @@
 #include <memory>
 
 class QLocalServer;
+class QLocalSocket;
 class QLockFile;
 
 // One running companion per user, whatever its mode: two would knock each other's connection off.
@@ -64,6 +66,11 @@ public:
     // whenever it changes; answered without waiting).
     void setMode(const QString& mode) { m_mode = mode; }
     void setState(const QJsonObject& state) { m_state = state; }
+    // Runs a tool call that a local agent's process handed over (see handOverCall) and gives the
+    // answer to send back; `stillWanted` turns false once that process has gone.
+    using CallHandler =
+        std::function<QCoro::Task<QByteArray>(QJsonObject call, std::function<bool()> stillWanted)>;
+    void setCallHandler(CallHandler handler) { m_callHandler = std::move(handler); }
     // The recent agent calls as JSON, made only when a command asks for them.
     void setActivitySource(std::function<QJsonArray()> source) {
         m_activitySource = std::move(source);
@@ -76,6 +83,13 @@ public:
     static std::optional<QJsonObject>
     ask(const QString& directory, const QByteArray& request,
         std::chrono::milliseconds timeout = std::chrono::seconds(2));
+
+    // Hands one tool call ({agent, method, params}) to the companion running for `directory`
+    // and waits for its answer: "0" and the result's JSON text, or "1" and an error text.
+    // Nothing when no companion takes it; empty when the companion went away before answering.
+    // Waits as long as the call takes (the user may be asked), but not for a companion that is
+    // gone.
+    static QCoro::Task<std::optional<QByteArray>> handOverCall(QString directory, QByteArray call);
 
     // The process that holds `directory`'s lock, when it still runs; 0 when none does. For when
     // ask() gets no answer: a companion may run and not answer (stopped, or hung).
@@ -105,11 +119,13 @@ private:
     Answer handOver(std::chrono::milliseconds timeout, Launch launch);
     void acceptConnections();
     QByteArray answer(const QByteArray& request);
+    QCoro::Task<> answerCall(QLocalSocket* socket, QByteArray call);
 
     QString m_directory;
     QString m_mode = QStringLiteral("desktop");
     QJsonObject m_state;
     std::function<QJsonArray()> m_activitySource;
+    CallHandler m_callHandler;
     QString m_runningMode;
     qint64 m_runningProcess = 0;
     std::unique_ptr<QLockFile> m_lock;

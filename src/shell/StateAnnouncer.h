@@ -1,12 +1,18 @@
 #pragma once
 
+#include <QByteArray>
+#include <QCoroTask>
+#include <QJsonObject>
 #include <QObject>
+
+#include <functional>
 
 class AppState;
 class SingleInstance;
 
-// Keeps the running companion's answer to other processes (status) up to date with the state,
-// and makes it read its settings again when a command changed them.
+// Keeps the running companion's answer to other processes (status, activity) up to date with
+// the state, makes it read its settings again when a command changed them, and runs the tool
+// calls that local agents' processes hand over, as the bridge's calls are run.
 class StateAnnouncer : public QObject {
     Q_OBJECT
 
@@ -15,6 +21,7 @@ public:
 
 private:
     void announce();
+    QCoro::Task<QByteArray> runHandedOverCall(QJsonObject call, std::function<bool()> stillWanted);
 
     AppState& m_state;
     SingleInstance& m_instance;

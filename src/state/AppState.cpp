@@ -32,6 +32,7 @@ std::unique_ptr<AppState>& sharedInstance() {
 }
 
 bool bridgeEnabled = true;
+bool pairingUsed = true;
 
 QCoro::Task<bool> refuse() {
     co_return false;
@@ -92,6 +93,13 @@ void AppState::setBridgeEnabled(bool enabled) {
     bridgeEnabled = enabled;
 }
 
+void AppState::setPairingUsed(bool used) {
+    pairingUsed = used;
+    if (!used) {
+        bridgeEnabled = false;
+    }
+}
+
 QString AppState::defaultApiBase() {
     return QStringLiteral("https://quillmar.app");
 }
@@ -133,7 +141,7 @@ void AppState::initialise() {
     QPointer<AppState> self(this);
     m_worker = std::make_unique<FileWorker>(
         FileWorker::defaultProgram(), [self](QString path, qint64 bytes) -> QCoro::Task<bool> {
-            return self ? self->approveAgentWrite(std::move(path), bytes) : refuse();
+            return self ? self->requestWriteApproval(std::move(path), bytes) : refuse();
         });
     m_worker->setFolders(m_folders);
     m_worker->setOwnFiles(AppIdentity::ownFiles());
@@ -149,8 +157,17 @@ void AppState::initialise() {
             co_return ToolResult(
                 FileService::errorObject(QStringLiteral("The companion is shutting down.")));
         }
-        self->m_callConnection = self->m_bridge->connectionId();
-        co_return co_await self->runAgentCall(std::move(method), std::move(params), QString());
+        // The socket the call came over, not the one open when the worker asks: the bridge may
+        // have reconnected while the call waited.
+        const quint64 connection = self->m_bridge->connectionId();
+        QCoro::Task<ToolResult> running = self->runAgentCall(
+            std::move(method), std::move(params), QString(),
+            [self, connection](QString path, qint64 bytes) -> QCoro::Task<bool> {
+                return self ? self->approveBridgeWrite(connection, std::move(path), bytes)
+                            : refuse();
+            });
+        ToolResult result = co_await running;
+        co_return result;
     };
     m_bridge->foldersProvider = [self] { return self ? self->m_folders : QList<SharedFolder>{}; };
     QObject::connect(m_bridge.get(), &BridgeClient::problemChanged, this, [this] {
@@ -170,6 +187,9 @@ void AppState::initialise() {
     // The store answers asynchronously (it may first ask the user to unlock it); nothing else can
     // use the state before it is initialised, so wait for the answer here, bounded by the
     // store's own time-out.
+    if (!pairingUsed) {
+        return;
+    }
     const TokenLookup stored = QCoro::waitFor(Keychain::loadToken());
     m_tokenUnreadable = stored.error;
     if (stored.token) {
@@ -363,7 +383,9 @@ void AppState::applyPaused(bool value) {
     }
 }
 
-QCoro::Task<ToolResult> AppState::runAgentCall(QString method, QJsonObject params, QString agent) {
+QCoro::Task<ToolResult>
+AppState::runAgentCall(QString method, QJsonObject params, QString agent,
+                       std::function<QCoro::Task<bool>(QString, qint64)> approver) {
     const QPointer<AppState> self(this);
     ActivityEntry entry;
     entry.time = QDateTime::currentDateTimeUtc();
@@ -378,7 +400,8 @@ QCoro::Task<ToolResult> AppState::runAgentCall(QString method, QJsonObject param
         result = FileService::errorObject(QStringLiteral("Sharing is paused on the user's ") +
                                           Platform::device() + u'.');
     } else {
-        QCoro::Task<ToolResult> running = m_worker->run(std::move(method), std::move(params));
+        QCoro::Task<ToolResult> running =
+            m_worker->run(std::move(method), std::move(params), std::move(approver));
         result = co_await running;
         if (!self) {
             co_return result;
@@ -491,11 +514,8 @@ QJsonObject AppState::describe() const {
                        {QStringLiteral("paused"), m_paused}};
 }
 
-QCoro::Task<bool> AppState::approveAgentWrite(QString path, qint64 bytes) {
+QCoro::Task<bool> AppState::approveBridgeWrite(quint64 connection, QString path, qint64 bytes) {
     const QPointer<AppState> self(this);
-    // The socket the call came over, not the one open when the worker asks: the bridge may
-    // have reconnected while the call waited in the worker.
-    const quint64 connection = m_callConnection;
     const bool allowed = co_await requestWriteApproval(std::move(path), bytes);
     // The service asked over a socket that has gone since: nobody waits for this write any
     // more, and a late "Allow" must not make it happen.

@@ -48,6 +48,9 @@ public:
     // Off for command-line administration: the state then never opens the bridge, so a running
     // companion keeps its connection. Takes effect for the next initialisation.
     static void setBridgeEnabled(bool enabled);
+    // Off for a process that never uses the pairing (a local agents' server): the token store
+    // is then not read, so nothing waits for it or asks to unlock it. Implies no bridge.
+    static void setPairingUsed(bool used);
 
     // Used when QUILLMAR_API is not set.
     static QString defaultApiBase();
@@ -108,7 +111,11 @@ public:
 
     // Runs one agent call through the confined worker and records it in the activity.
     // `agent` names who asked (empty for the service's agents).
-    QCoro::Task<ToolResult> runAgentCall(QString method, QJsonObject params, QString agent);
+    // `approver`, when given, decides this call's write instead of the user's setting and prompt
+    // alone (the bridge also checks that the socket the call came over is still there).
+    QCoro::Task<ToolResult>
+    runAgentCall(QString method, QJsonObject params, QString agent,
+                 std::function<QCoro::Task<bool>(QString, qint64)> approver = {});
     // The agents' recent calls, newest first; in memory only.
     ActivityLog& activity() { return *m_activity; }
     // Where writes keep what they replace.
@@ -158,7 +165,7 @@ private:
     void setTokenUnreadable(const std::optional<KeychainError>& value);
     void applyPaused(bool value);
     void connectBridge(const QString& token);
-    QCoro::Task<bool> approveAgentWrite(QString path, qint64 bytes);
+    QCoro::Task<bool> approveBridgeWrite(quint64 connection, QString path, qint64 bytes);
 
     bool m_online = false;
     bool m_paired = false;
@@ -171,8 +178,6 @@ private:
     QString m_apiBase;
     std::unique_ptr<BridgeClient> m_bridge;
     std::unique_ptr<FileWorker> m_worker;
-    // The bridge socket the call in progress came over (calls come one at a time).
-    quint64 m_callConnection = 0;
     bool m_paused = false;
     std::unique_ptr<ActivityLog> m_activity;
     VersionStore m_versions{VersionStore::defaultDirectory(), VersionStore::defaultBudget()};

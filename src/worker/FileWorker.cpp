@@ -202,7 +202,7 @@ QString FileWorker::lostMessage() const {
         .arg(reason.isEmpty() ? QStringLiteral("no reason given") : reason);
 }
 
-QCoro::Task<ToolResult> FileWorker::run(QString method, QJsonObject params) {
+QCoro::Task<ToolResult> FileWorker::run(QString method, QJsonObject params, Approver approver) {
     const QPointer<FileWorker> self(this);
     while (m_busy) {
         co_await qCoro(this, &FileWorker::callFinished);
@@ -213,7 +213,8 @@ QCoro::Task<ToolResult> FileWorker::run(QString method, QJsonObject params) {
     }
     m_busy = true;
     m_idleTimer->stop();
-    QCoro::Task<ToolResult> call = runOne(std::move(method), std::move(params));
+    QCoro::Task<ToolResult> call =
+        runOne(std::move(method), std::move(params), approver ? std::move(approver) : m_approver);
     ToolResult result = co_await call;
     if (self) {
         m_busy = false;
@@ -223,7 +224,7 @@ QCoro::Task<ToolResult> FileWorker::run(QString method, QJsonObject params) {
     co_return result;
 }
 
-QCoro::Task<ToolResult> FileWorker::runOne(QString method, QJsonObject params) {
+QCoro::Task<ToolResult> FileWorker::runOne(QString method, QJsonObject params, Approver approver) {
     const QPointer<FileWorker> self(this);
     QCoro::Task<QString> starting = ensureStarted();
     const QString startProblem = co_await starting;
@@ -237,6 +238,10 @@ QCoro::Task<ToolResult> FileWorker::runOne(QString method, QJsonObject params) {
     }
     const quint64 generation = m_instance->generation;
     m_lastCall = CallReport();
+    // Descriptors a call did not use do not outlive it.
+    while (!m_instance->descriptors.isEmpty()) {
+        ::close(m_instance->descriptors.dequeue());
+    }
     send(WorkerProtocol::Kind::Call, QJsonDocument(QJsonObject{{QStringLiteral("method"), method},
                                                                {QStringLiteral("params"), params}})
                                          .toJson(QJsonDocument::Compact));
@@ -292,10 +297,10 @@ QCoro::Task<ToolResult> FileWorker::runOne(QString method, QJsonObject params) {
             QElapsedTimer asking;
             asking.start();
             bool allowed = false;
-            if (m_approver) {
+            if (approver) {
                 QCoro::Task<bool> answer =
-                    m_approver(question.value(QStringLiteral("path")).toString(),
-                               question.value(QStringLiteral("bytes")).toInteger());
+                    approver(question.value(QStringLiteral("path")).toString(),
+                             question.value(QStringLiteral("bytes")).toInteger());
                 allowed = co_await answer;
             }
             if (!self) {

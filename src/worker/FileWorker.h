@@ -75,7 +75,8 @@ public:
     void setVersionStore(VersionStore* store);
 
     // Runs one tool call; never throws. Failures of the worker itself come back as errors.
-    QCoro::Task<ToolResult> run(QString method, QJsonObject params);
+    // `approver`, when given, asks for this call's write instead of the worker's own.
+    QCoro::Task<ToolResult> run(QString method, QJsonObject params, Approver approver = {});
 
     // As the last worker reported it, or as one would report it before any has run.
     const Confinement& confinement() const { return m_confinement; }
@@ -96,7 +97,7 @@ signals:
 private:
     struct Instance;
 
-    QCoro::Task<ToolResult> runOne(QString method, QJsonObject params);
+    QCoro::Task<ToolResult> runOne(QString method, QJsonObject params, Approver approver);
     QCoro::Task<QString> ensureStarted();
     bool startInstance(QString& why);
     void stopInstance(const QString& reason);

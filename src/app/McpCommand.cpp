@@ -1,0 +1,176 @@
+#include "McpCommand.h"
+
+#include "ActivityLog.h"
+#include "AppState.h"
+#include "ApprovalPrompt.h"
+#include "FileService.h"
+#include "FolderStore.h"
+#include "McpServer.h"
+#include "SingleInstance.h"
+#include "TerminalApprovalPrompt.h"
+
+#include <QCoreApplication>
+#include <QJsonDocument>
+#include <QSocketNotifier>
+
+#include <cerrno>
+#include <csignal>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+namespace {
+
+// Writes all of `bytes` to standard output; false once the client has gone.
+bool writeOut(const QByteArray& bytes) {
+    qsizetype written = 0;
+    while (written < bytes.size()) {
+        const ssize_t n = ::write(STDOUT_FILENO, bytes.constData() + written,
+                                  std::size_t(bytes.size() - written));
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && errno == EAGAIN) {
+            pollfd ready{STDOUT_FILENO, POLLOUT, 0};
+            ::poll(&ready, 1, 1000);
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        written += n;
+    }
+    return true;
+}
+
+// The calls this process runs itself are told on standard error, one line each.
+void announceOwnCalls() {
+    static bool announcing = false;
+    if (announcing) {
+        return;
+    }
+    announcing = true;
+    QObject::connect(&AppState::shared().activity(), &ActivityLog::appended, [] {
+        const QByteArray line =
+            "quillmar-companion: " + AppState::shared().activity().at(0).line().toUtf8() + '\n';
+        (void)!::write(STDERR_FILENO, line.constData(), std::size_t(line.size()));
+    });
+}
+
+// A call goes to the running companion when there is one, else runs here.
+QCoro::Task<ToolResult> runCall(QString method, QJsonObject params, QString agent) {
+    const QJsonObject call{{QStringLiteral("agent"), agent},
+                           {QStringLiteral("method"), method},
+                           {QStringLiteral("params"), params}};
+    // Tasks are awaited from variables: GCC 12 mishandles temporaries in co_await.
+    QCoro::Task<std::optional<QByteArray>> handing = SingleInstance::handOverCall(
+        SingleInstance::defaultDirectory(), QJsonDocument(call).toJson(QJsonDocument::Compact));
+    const std::optional<QByteArray> reply = co_await handing;
+    if (reply) {
+        if (reply->isEmpty()) {
+            co_return ToolResult(FileService::errorObject(
+                QStringLiteral("The companion stopped while handling this call. Try again.")));
+        }
+        if (reply->front() == '0') {
+            co_return ToolResult::fromJson(reply->mid(1));
+        }
+        co_return ToolResult(FileService::errorObject(QString::fromUtf8(reply->mid(1))));
+    }
+    announceOwnCalls();
+    QCoro::Task<ToolResult> running =
+        AppState::shared().runAgentCall(std::move(method), std::move(params), std::move(agent));
+    ToolResult result = co_await running;
+    co_return result;
+}
+
+} // namespace
+
+int McpCommand::run(const QStringList& arguments, QTextStream&, QTextStream& err) {
+    if (!arguments.isEmpty()) {
+        err << "usage: quillmar-companion mcp\n" << Qt::flush;
+        return 2;
+    }
+    // A client that goes away makes writes fail, not the process.
+    std::signal(SIGPIPE, SIG_IGN);
+    // Standard input and output carry the protocol: the question before a write, when this
+    // process has to ask it, goes to the terminal itself.
+    const int terminal = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (terminal >= 0) {
+        ApprovalPrompt::install(std::make_shared<TerminalApprovalPrompt>(terminal, terminal));
+    }
+    AppState::setPairingUsed(false);
+
+    McpServer server(runCall, QCoreApplication::applicationVersion());
+    bool clientGone = false;
+    QObject::connect(&server, &McpServer::message, [&clientGone](const QByteArray& line) {
+        if (!clientGone && !writeOut(line + '\n')) {
+            clientGone = true;
+            QCoreApplication::quit();
+        }
+    });
+
+    QByteArray pending;
+    qsizetype scanned = 0;
+    bool skipping = false; // the rest of a line that was too long
+    bool ended = false;
+    QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
+    const auto finish = [&] {
+        ended = true;
+        input.setEnabled(false);
+        // Calls still running are answered before the end.
+        if (server.callsInFlight() == 0) {
+            QCoreApplication::quit();
+        }
+    };
+    QObject::connect(&server, &McpServer::idle, [&] {
+        if (ended) {
+            QCoreApplication::quit();
+        }
+    });
+    QObject::connect(&input, &QSocketNotifier::activated, [&] {
+        char chunk[256 * 1024];
+        // Readable: one read returns what is there without waiting.
+        const ssize_t got = ::read(STDIN_FILENO, chunk, sizeof chunk);
+        if (got < 0 && (errno == EINTR || errno == EAGAIN)) {
+            return;
+        }
+        if (got <= 0) {
+            finish();
+            return;
+        }
+        pending.append(chunk, got);
+        while (true) {
+            const qsizetype end = pending.indexOf('\n', scanned);
+            if (end < 0) {
+                scanned = pending.size();
+                if (!skipping && pending.size() > McpServer::longestLine) {
+                    clientGone = clientGone || !writeOut(server.tooLong() + '\n');
+                    skipping = true;
+                }
+                if (skipping) {
+                    pending.clear();
+                    scanned = 0;
+                }
+                return;
+            }
+            const QByteArray line = pending.left(end);
+            pending.remove(0, end + 1);
+            scanned = 0;
+            if (skipping) {
+                skipping = false;
+                continue;
+            }
+            server.receive(line);
+        }
+    });
+
+    err << "quillmar-companion: MCP server for local agents, " << FolderStore::load().size()
+        << " shared folder(s); calls go to the running companion when there is one.\n"
+        << Qt::flush;
+    const int status = QCoreApplication::exec();
+    if (terminal >= 0) {
+        ::close(terminal);
+    }
+    return clientGone ? 1 : status;
+}

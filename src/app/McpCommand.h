@@ -1,0 +1,14 @@
+#pragma once
+
+#include <QStringList>
+#include <QTextStream>
+
+// `mcp`: a Model Context Protocol server on standard input and output for agents on this
+// computer, offering the four file tools over the same shared folders and under the same rules
+// as the service's agents. While a companion runs, each call is handed to it, so that its
+// approval alert, its activity and its pause apply; otherwise this process runs the call in a
+// confined worker of its own, asking on the terminal (if it has one) before a write.
+class McpCommand {
+public:
+    static int run(const QStringList& arguments, QTextStream& out, QTextStream& err);
+};
