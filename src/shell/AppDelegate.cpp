@@ -1,5 +1,6 @@
 #include "AppDelegate.h"
 
+#include "ActivityLog.h"
 #include "AppState.h"
 #include "MainMenuModel.h"
 #include "MainMenuShortcuts.h"
@@ -50,6 +51,10 @@ void AppDelegate::applicationDidFinishLaunching() {
             self->rebuild();
         }
     };
+    // The agents' calls are not state changes, but the menu lists the latest of them.
+    ActivityLog& activity = AppState::shared().activity();
+    connect(&activity, &ActivityLog::appended, this, &AppDelegate::rebuild);
+    connect(&activity, &ActivityLog::entryChanged, this, &AppDelegate::rebuild);
     rebuild();
 
     // On X11 Qt watches for a tray and docks the icon as soon as one appears, so it is shown
@@ -138,8 +143,16 @@ void AppDelegate::dispatch(const MenuItem& item, QAction* sender) {
             removeFolderTapped(*sender);
         }
         break;
+    case MenuAction::ToggleReadOnly:
+        if (sender) {
+            toggleReadOnlyTapped(*sender);
+        }
+        break;
     case MenuAction::ToggleApproval:
         toggleApproval();
+        break;
+    case MenuAction::TogglePause:
+        togglePause();
         break;
     case MenuAction::Unpair:
         unpairTapped();
@@ -190,20 +203,33 @@ void AppDelegate::addFolderTapped() {
     AppState::shared().addFolder();
 }
 
-void AppDelegate::removeFolderTapped(const QAction& sender) {
+const SharedFolder* AppDelegate::folderNamedBy(const QAction& sender) const {
     const QVariant represented = sender.data();
     if (represented.typeId() != QMetaType::QString) {
-        return;
+        return nullptr;
     }
     const QString id = represented.toString();
-    AppState& state = AppState::shared();
-    for (const SharedFolder& folder : state.folders()) {
+    for (const SharedFolder& folder : AppState::shared().folders()) {
         if (StatusMenuModel::folderIdString(folder) == id) {
-            // A copy: removing the folder changes the list it came from.
-            const SharedFolder found = folder;
-            state.removeFolder(found);
-            return;
+            return &folder;
         }
+    }
+    return nullptr;
+}
+
+void AppDelegate::removeFolderTapped(const QAction& sender) {
+    if (const SharedFolder* folder = folderNamedBy(sender)) {
+        // A copy: removing the folder changes the list it came from.
+        const SharedFolder found = *folder;
+        AppState::shared().removeFolder(found);
+    }
+}
+
+void AppDelegate::toggleReadOnlyTapped(const QAction& sender) {
+    if (const SharedFolder* folder = folderNamedBy(sender)) {
+        // A copy, as above; onChange then rebuilds the menu with the check mark moved.
+        const SharedFolder found = *folder;
+        AppState::shared().setFolderReadOnly(found, !found.readOnly);
     }
 }
 
@@ -212,6 +238,11 @@ void AppDelegate::toggleApproval() {
     // rebuilds the menu with the check mark where it now belongs.
     AppState& state = AppState::shared();
     state.storeRequireWriteApproval(!state.requireWriteApproval());
+}
+
+void AppDelegate::togglePause() {
+    AppState& state = AppState::shared();
+    state.setPaused(!state.paused());
 }
 
 void AppDelegate::unpairTapped() {

@@ -19,8 +19,8 @@ class QSystemTrayIcon;
 
 // The desktop application's controller, alive for the whole process: it installs the main
 // menu's shortcuts, owns the tray icon and its menu, rebuilds that menu from the application
-// state on every change, brings up the onboarding/home window when it is needed, and turns
-// each menu command into a call on AppState or on the window.
+// state on every change (and on every call an agent makes), brings up the onboarding/home window
+// when it is needed, and turns each menu command into a call on AppState or on the window.
 class AppDelegate : public QObject {
     Q_OBJECT
 
@@ -41,7 +41,10 @@ public:
     // Removes the folder whose id the sender carries as its data; does nothing for no data, data
     // that is not a string, or an id no folder has.
     void removeFolderTapped(const QAction& sender);
+    // Flips "Read Only" on the folder whose id the sender carries, as removeFolderTapped finds it.
+    void toggleReadOnlyTapped(const QAction& sender);
     void toggleApproval();
+    void togglePause();
     void unpairTapped();
     void quitTapped();
 
@@ -63,6 +66,7 @@ private:
     void mainMenuCommand(MenuAction action, QObject* receiver);
     void statusItemActivated(int reason);
     void showWindow();
+    const SharedFolder* folderNamedBy(const QAction& sender) const;
     QIcon iconFor(const QString& symbolName);
 
     QSystemTrayIcon* m_statusItem = nullptr;

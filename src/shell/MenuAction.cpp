@@ -10,6 +10,10 @@ QString menuActionName(MenuAction action) {
         return QStringLiteral("addFolderTapped");
     case MenuAction::RemoveFolder:
         return QStringLiteral("removeFolderTapped");
+    case MenuAction::ToggleReadOnly:
+        return QStringLiteral("toggleReadOnlyTapped");
+    case MenuAction::TogglePause:
+        return QStringLiteral("togglePause");
     case MenuAction::ToggleApproval:
         return QStringLiteral("toggleApproval");
     case MenuAction::Unpair:

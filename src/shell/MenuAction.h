@@ -10,7 +10,9 @@ enum class MenuAction {
     OpenSetup,
     AddFolder,
     RemoveFolder,
+    ToggleReadOnly,
     ToggleApproval,
+    TogglePause,
     Unpair,
     Quit,
     // Main menu

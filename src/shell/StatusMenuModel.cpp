@@ -1,7 +1,11 @@
 #include "StatusMenuModel.h"
 
+#include "ActivityLog.h"
+#include "ActivityWording.h"
 #include "AppState.h"
 #include "Platform.h"
+
+#include <algorithm>
 
 QString StatusMenuModel::toolTip() const {
     QString tip = buttonTitle.trimmed() + u'\n' + header;
@@ -13,7 +17,8 @@ QString StatusMenuModel::toolTip() const {
 
 StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& statusText,
                                        const QList<SharedFolder>& folders,
-                                       bool requireWriteApproval, const QString& problem) {
+                                       bool requireWriteApproval, const QString& problem,
+                                       bool paused, const QList<ActivityEntry>& recent) {
     StatusMenuModel model;
     model.symbolName = online ? onlineSymbol() : offlineSymbol();
     model.accessibilityDescription = QStringLiteral("Quillmar");
@@ -42,6 +47,12 @@ StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& 
             MenuItem entry = MenuItem::make(folderTitle(folder), MenuAction::None);
             entry.submenu.append(MenuItem::make(folder.path, MenuAction::None, false));
             entry.submenu.append(MenuItem::makeSeparator());
+            MenuItem readOnly =
+                MenuItem::make(QStringLiteral("Read Only"), MenuAction::ToggleReadOnly);
+            readOnly.checkable = true;
+            readOnly.checked = folder.readOnly;
+            readOnly.representedObject = folderIdString(folder);
+            entry.submenu.append(readOnly);
             MenuItem stop = MenuItem::make(QStringLiteral("Stop sharing this folder"),
                                            MenuAction::RemoveFolder);
             stop.representedObject = folderIdString(folder);
@@ -51,12 +62,25 @@ StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& 
         items.append(MenuItem::make(QStringLiteral("Add Folder…"), MenuAction::AddFolder));
         items.append(
             MenuItem::make(QStringLiteral("Open Quillmar OS Window…"), MenuAction::OpenSetup));
+        MenuItem activity = MenuItem::make(QStringLiteral("Recent Activity"), MenuAction::None);
+        for (qsizetype i = 0; i < std::min(recent.size(), recentActivityCount); ++i) {
+            activity.submenu.append(
+                MenuItem::make(ActivityWording::menuLine(recent.at(i)), MenuAction::None, false));
+        }
+        if (activity.submenu.isEmpty()) {
+            activity.submenu.append(
+                MenuItem::make(QStringLiteral("(nothing yet)"), MenuAction::None, false));
+        }
+        items.append(activity);
         items.append(MenuItem::makeSeparator());
         MenuItem approval =
             MenuItem::make(QStringLiteral("Ask before writing files"), MenuAction::ToggleApproval);
         approval.checkable = true;
         approval.checked = requireWriteApproval;
         items.append(approval);
+        items.append(MenuItem::make(paused ? QStringLiteral("Resume Sharing")
+                                           : QStringLiteral("Pause Sharing"),
+                                    MenuAction::TogglePause));
         items.append(MenuItem::make(QStringLiteral("Unpair this ") + Platform::device(),
                                     MenuAction::Unpair));
     }
@@ -68,9 +92,10 @@ StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& 
     return model;
 }
 
-StatusMenuModel StatusMenuModel::build(const AppState& state) {
+StatusMenuModel StatusMenuModel::build(AppState& state) {
     return build(state.online(), state.paired(), state.statusText(), state.folders(),
-                 state.requireWriteApproval(), state.connectionProblem());
+                 state.requireWriteApproval(), state.connectionProblem(), state.paused(),
+                 state.activity().newest(recentActivityCount));
 }
 
 QString StatusMenuModel::folderTitle(const SharedFolder& folder) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ActivityEntry.h"
 #include "MenuItem.h"
 #include "SharedFolder.h"
 
@@ -30,10 +31,15 @@ public:
     // "Quillmar OS", the header and the problem, one to a line.
     QString toolTip() const;
 
+    // How many of the agents' latest calls the "Recent Activity" submenu lists.
+    static constexpr qsizetype recentActivityCount = 5;
+
+    // `recent` is the agents' latest calls, newest first; only the first few are listed.
     static StatusMenuModel build(bool online, bool paired, const QString& statusText,
                                  const QList<SharedFolder>& folders, bool requireWriteApproval,
-                                 const QString& problem = QString());
-    static StatusMenuModel build(const AppState& state);
+                                 const QString& problem = QString(), bool paused = false,
+                                 const QList<ActivityEntry>& recent = {});
+    static StatusMenuModel build(AppState& state);
 
     // Two spaces, the folder emoji, a space and the folder's name.
     static QString folderTitle(const SharedFolder& folder);

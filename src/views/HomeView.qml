@@ -2,14 +2,30 @@ import QtQuick
 import QtQuick.Controls.Basic
 import Quillmar.Views
 
-// The home page of a paired computer: connection state, shared folders, the write-approval
-// setting and the way to unpair. Keeps no state of its own.
+// The home page of a paired computer: connection state, pausing, shared folders and their
+// access, the write-approval setting and the way to unpair; the agents' recent activity on a
+// page of its own. Keeps no state but which of the two pages shows.
 Item {
     id: view
+
+    // The recent-activity page is shown instead of the home page.
+    property bool showingActivity: false
 
     objectName: "homeView"
     implicitWidth: 460
     implicitHeight: 600
+
+    // The keyboard focus follows to the other page; shown as a ring only when the user came by
+    // keyboard.
+    function showActivity() {
+        const byKeyboard = activityButton.visualFocus
+        showingActivity = true
+        activityPage.focusFirst(byKeyboard ? Qt.TabFocusReason : Qt.OtherFocusReason)
+    }
+    function showHome(byKeyboard) {
+        showingActivity = false
+        activityButton.forceActiveFocus(byKeyboard ? Qt.TabFocusReason : Qt.OtherFocusReason)
+    }
 
     SharedFolderListModel {
         id: folders
@@ -26,6 +42,7 @@ Item {
         y: 24
         width: parent.width - 48
         spacing: 20
+        visible: !view.showingActivity
 
         // header
         Row {
@@ -42,7 +59,7 @@ Item {
             }
             Column {
                 anchors.verticalCenter: parent.verticalCenter
-                width: parent.width - 52
+                width: parent.width - 52 - headerButtons.width - 12
                 spacing: 3
 
                 Text {
@@ -73,6 +90,33 @@ Item {
                     }
                 }
             }
+            Row {
+                id: headerButtons
+                anchors.verticalCenter: parent.verticalCenter
+                spacing: 6
+
+                PillButton {
+                    id: activityButton
+                    objectName: "activityButton"
+                    symbol: "clock.arrow.circlepath"
+                    text: qsTr("Activity")
+                    Accessible.name: qsTr("Recent activity")
+                    onClicked: view.showActivity()
+                }
+                PillButton {
+                    id: pauseButton
+                    objectName: "pauseButton"
+                    symbol: AppState.paused ? "play.fill" : "pause.fill"
+                    text: AppState.paused ? qsTr("Resume") : qsTr("Pause")
+                    Accessible.name: AppState.paused ? qsTr("Resume sharing") : qsTr("Pause sharing")
+                    ToolTip.text: AppState.paused
+                                  ? qsTr("Let agents reach your shared folders again")
+                                  : qsTr("Stop agents from reaching your shared folders until you resume")
+                    ToolTip.visible: hovered
+                    ToolTip.delay: 600
+                    onClicked: AppState.setPaused(!AppState.paused)
+                }
+            }
         }
 
         // statusCard
@@ -92,9 +136,11 @@ Item {
                         id: statusSymbol
                         objectName: "statusSymbol"
                         anchors.horizontalCenter: parent.horizontalCenter
-                        name: AppState.online ? "checkmark.shield.fill" : "shield.slash"
+                        name: AppState.paused ? "pause.circle.fill"
+                                              : AppState.online ? "checkmark.shield.fill" : "shield.slash"
                         size: 20
-                        color: AppState.online ? Theme.brand : Theme.secondary
+                        color: AppState.paused ? Theme.alpha(Theme.primary, 0.7)
+                                               : AppState.online ? Theme.brand : Theme.secondary
                     }
                 }
                 Column {
@@ -104,9 +150,11 @@ Item {
                     Text {
                         objectName: "statusCardText"
                         width: parent.width
-                        text: AppState.online
-                              ? "Your agents can reach the folders below. Every write asks for approval."
-                              : "Reconnecting to Quillmar — your shared folders resume automatically."
+                        text: AppState.paused
+                              ? qsTr("Sharing is paused. Agents can't reach your folders until you resume.")
+                              : AppState.online
+                                ? "Your agents can reach the folders below. Every write asks for approval."
+                                : "Reconnecting to Quillmar — your shared folders resume automatically."
                         color: Theme.secondary
                         font.pointSize: Typography.points(12.5)
                         wrapMode: Text.WordWrap
@@ -115,12 +163,28 @@ Item {
                     Text {
                         objectName: "problemText"
                         width: parent.width
-                        visible: text.length > 0
+                        visible: text.length > 0 && !AppState.paused
                         text: AppState.connectionProblem
                         color: Theme.red
                         font.pointSize: Typography.points(12)
                         wrapMode: Text.WordWrap
                         Accessible.name: text
+                    }
+                    Item {
+                        width: 1
+                        height: 4
+                        visible: AppState.paused
+                    }
+                    PillButton {
+                        id: resumeButton
+                        objectName: "resumeButton"
+                        visible: AppState.paused
+                        symbol: "play.fill"
+                        text: qsTr("Resume sharing")
+                        color: "white"
+                        fill: Theme.brand
+                        border: Theme.brandDeep
+                        onClicked: AppState.setPaused(false)
                     }
                 }
             }
@@ -205,6 +269,7 @@ Item {
                     required property string folderId
                     required property string name
                     required property string path
+                    required property bool readOnly
 
                     width: ListView.view.width
 
@@ -220,7 +285,8 @@ Item {
                         }
                         Column {
                             anchors.verticalCenter: parent.verticalCenter
-                            width: folderCard.availableWidth - folderSymbol.width - removeButton.width - 16
+                            width: folderCard.availableWidth - folderSymbol.width - accessToggle.width
+                                   - removeButton.width - 24
                             spacing: 2
 
                             Text {
@@ -239,6 +305,19 @@ Item {
                                 font.pixelSize: 11
                                 elide: Text.ElideMiddle
                                 maximumLineCount: 1
+                            }
+                        }
+                        AccessToggle {
+                            id: accessToggle
+                            objectName: "accessToggle"
+                            anchors.verticalCenter: parent.verticalCenter
+                            folderName: folderCard.name
+                            checked: folderCard.readOnly
+                            // Stores the access; the binding is put back so that the toggle keeps
+                            // following the state (the tray menu changes it too).
+                            onToggled: {
+                                AppState.setFolderReadOnlyById(folderCard.folderId, checked)
+                                checked = Qt.binding(() => folderCard.readOnly)
                             }
                         }
                         PlainButton {
@@ -328,6 +407,7 @@ Item {
     // At the bottom, below flexible space: the divider and the unpair button.
     Column {
         id: bottom
+        visible: !view.showingActivity
         x: 24
         anchors.bottom: parent.bottom
         anchors.bottomMargin: 24
@@ -357,5 +437,13 @@ Item {
                 onClicked: AppState.unpair()
             }
         }
+    }
+
+    ActivityView {
+        id: activityPage
+        objectName: "activityView"
+        anchors.fill: parent
+        visible: view.showingActivity
+        onBack: byKeyboard => view.showHome(byKeyboard)
     }
 }

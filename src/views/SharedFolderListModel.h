@@ -9,14 +9,14 @@
 #include <QtQml/qqmlregistration.h>
 
 // The shared folders of the application state as a list model, in the state's order. Follows
-// every change of the list. Roles: folderId (upper-case UUID), name, path.
+// every change of the list. Roles: folderId (upper-case UUID), name, path, readOnly.
 class SharedFolderListModel : public QAbstractListModel {
     Q_OBJECT
     QML_ELEMENT
     Q_PROPERTY(int count READ count NOTIFY countChanged)
 
 public:
-    enum Role { FolderIdRole = Qt::UserRole + 1, NameRole, PathRole };
+    enum Role { FolderIdRole = Qt::UserRole + 1, NameRole, PathRole, ReadOnlyRole };
     Q_ENUM(Role)
 
     explicit SharedFolderListModel(QObject* parent = nullptr);

@@ -26,6 +26,9 @@ QtObject {
     readonly property color tertiary: alpha(primary, 0.26)
     readonly property color separator: alpha(primary, 0.1)
     readonly property color red: "#ff3b30"
+    // Declined writes and read-only folders: held back on purpose, not broken.
+    // Darker on a light desktop, lighter on a dark one, so that it reads as text on either.
+    readonly property color amber: primary.hslLightness < 0.5 ? "#9a5b00" : "#f2a93b"
 
     function alpha(colour, opacity) {
         return Qt.rgba(colour.r, colour.g, colour.b, colour.a * opacity)

@@ -1,9 +1,11 @@
+#include "ActivityLog.h"
 #include "AppDelegate.h"
 #include "AppSettings.h"
 #include "AppState.h"
 #include "BridgeClient.h"
 #include "FakeWindow.h"
 #include "FolderChooser.h"
+#include "FolderStore.h"
 #include "ShellTestMain.h"
 #include "StateSandbox.h"
 #include "StatusIcons.h"
@@ -169,19 +171,19 @@ private slots:
     void pairedWithoutFolders() {
         sandbox->storeToken();
         launch();
-        QCOMPARE(
-            shownTitles(&menu()),
-            (QStringList{QStringLiteral("Quillmar OS — Not connected"), QStringLiteral("---"),
-                         QStringLiteral("Shared Folders"),
-                         QStringLiteral("  (none yet — add one below)"),
-                         QStringLiteral("Add Folder…"), QStringLiteral("Open Quillmar OS Window…"),
-                         QStringLiteral("---"), QStringLiteral("Ask before writing files"),
-                         QStringLiteral("Unpair this computer"), QStringLiteral("---"),
-                         QStringLiteral("Quit Quillmar OS")}));
+        QCOMPARE(shownTitles(&menu()),
+                 (QStringList{
+                     QStringLiteral("Quillmar OS — Not connected"), QStringLiteral("---"),
+                     QStringLiteral("Shared Folders"),
+                     QStringLiteral("  (none yet — add one below)"), QStringLiteral("Add Folder…"),
+                     QStringLiteral("Open Quillmar OS Window…"), QStringLiteral("Recent Activity"),
+                     QStringLiteral("---"), QStringLiteral("Ask before writing files"),
+                     QStringLiteral("Pause Sharing"), QStringLiteral("Unpair this computer"),
+                     QStringLiteral("---"), QStringLiteral("Quit Quillmar OS")}));
         const QList<QAction*> actions = menu().actions();
         QVERIFY(!actions.at(2)->isEnabled());
         QVERIFY(!actions.at(3)->isEnabled());
-        QVERIFY(actions.at(7)->isChecked());
+        QVERIFY(actions.at(8)->isChecked());
     }
 
     void whileOfflineTheHeaderShowsTheBridgeText() {
@@ -248,14 +250,14 @@ private slots:
         QCOMPARE(secondEntry->menu()->actions().at(0)->text(), path);
 
         // The second entry's "Stop sharing" removes the second record only.
-        QAction* stopSecond = secondEntry->menu()->actions().at(2);
+        QAction* stopSecond = secondEntry->menu()->actions().at(3);
         QCOMPARE(stopSecond->text(), QStringLiteral("Stop sharing this folder"));
         stopSecond->trigger();
         QCOMPARE(AppState::shared().folders(), QList<SharedFolder>{first});
         QVERIFY(!actionTitled(&menu(), QStringLiteral("  \U0001F4C1 Shared 2")));
 
         QAction* stopFirst =
-            actionTitled(&menu(), QStringLiteral("  \U0001F4C1 Shared"))->menu()->actions().at(2);
+            actionTitled(&menu(), QStringLiteral("  \U0001F4C1 Shared"))->menu()->actions().at(3);
         stopFirst->trigger();
         QVERIFY(AppState::shared().folders().isEmpty());
         QVERIFY(actionTitled(&menu(), QStringLiteral("  (none yet — add one below)")));
@@ -319,6 +321,87 @@ private slots:
         QCOMPARE(AppSettings::boolean(QStringLiteral("require_write_approval")),
                  std::optional<bool>(true));
         QVERIFY(actionTitled(&menu(), QStringLiteral("Ask before writing files"))->isChecked());
+    }
+
+    void readOnlyFlipsTheFolderItCarries() {
+        sandbox->storeToken();
+        launch();
+        const QString path = sandbox->folder(QStringLiteral("Shared"));
+        const SharedFolder first = AppState::shared().addFolderAt(path);
+        const SharedFolder second = AppState::shared().addFolderAt(path);
+        const auto readOnlyOf = [&](const QString& title) {
+            QAction* entry = actionTitled(&menu(), title);
+            return entry && entry->menu() ? actionTitled(entry->menu(), QStringLiteral("Read Only"))
+                                          : nullptr;
+        };
+        QAction* secondReadOnly = readOnlyOf(QStringLiteral("  \U0001F4C1 Shared 2"));
+        QVERIFY(secondReadOnly);
+        QVERIFY(secondReadOnly->isCheckable());
+        QVERIFY(!secondReadOnly->isChecked());
+        secondReadOnly->trigger();
+        QVERIFY(!AppState::shared().folders().at(0).readOnly);
+        QVERIFY(AppState::shared().folders().at(1).readOnly);
+        QCOMPARE(AppState::shared().folders().at(1).id, second.id);
+        // Stored, and the rebuilt menu has the check mark.
+        QVERIFY(FolderStore::load().at(1).readOnly);
+        QVERIFY(readOnlyOf(QStringLiteral("  \U0001F4C1 Shared 2"))->isChecked());
+        QVERIFY(!readOnlyOf(QStringLiteral("  \U0001F4C1 Shared"))->isChecked());
+
+        // Again: read-write.
+        readOnlyOf(QStringLiteral("  \U0001F4C1 Shared 2"))->trigger();
+        QVERIFY(!AppState::shared().folders().at(1).readOnly);
+        QVERIFY(!readOnlyOf(QStringLiteral("  \U0001F4C1 Shared 2"))->isChecked());
+
+        // Without a usable id nothing changes.
+        QAction unknown;
+        unknown.setData(QUuid::createUuid().toString(QUuid::WithoutBraces).toUpper());
+        delegate->toggleReadOnlyTapped(unknown);
+        QAction none;
+        delegate->toggleReadOnlyTapped(none);
+        QVERIFY(!AppState::shared().folders().at(0).readOnly);
+        QCOMPARE(AppState::shared().folders().at(0).id, first.id);
+    }
+
+    void pauseSharingFlipsToResumeAndBack() {
+        sandbox->storeToken();
+        launch();
+        QVERIFY(!actionTitled(&menu(), QStringLiteral("Resume Sharing")));
+        actionTitled(&menu(), QStringLiteral("Pause Sharing"))->trigger();
+        QVERIFY(AppState::shared().paused());
+        QCOMPARE(AppSettings::boolean(AppState::pausedSettingKey()), std::optional<bool>(true));
+        QCOMPARE(menu().actions().front()->text(), QStringLiteral("Quillmar OS — Paused"));
+        QVERIFY(!actionTitled(&menu(), QStringLiteral("Pause Sharing")));
+
+        actionTitled(&menu(), QStringLiteral("Resume Sharing"))->trigger();
+        QVERIFY(!AppState::shared().paused());
+        QCOMPARE(AppSettings::boolean(AppState::pausedSettingKey()), std::optional<bool>(false));
+        QVERIFY(actionTitled(&menu(), QStringLiteral("Pause Sharing")));
+    }
+
+    void anAgentsCallRebuildsTheMenu() {
+        sandbox->storeToken();
+        launch();
+        QAction* recent = actionTitled(&menu(), QStringLiteral("Recent Activity"));
+        QVERIFY(recent && recent->menu());
+        QCOMPARE(shownTitles(recent->menu()), QStringList{QStringLiteral("(nothing yet)")});
+
+        ActivityEntry entry;
+        entry.time = QDateTime::currentDateTime();
+        entry.tool = QStringLiteral("local_write_file");
+        entry.subject = QStringLiteral("Shared/notes.txt");
+        entry.bytes = 5;
+        entry.versionId = QStringLiteral("1");
+        AppState::shared().activity().append(entry);
+        recent = actionTitled(&menu(), QStringLiteral("Recent Activity"));
+        const QString line = entry.time.toString(QStringLiteral("HH:mm:ss")) +
+                             QStringLiteral("  Wrote  Shared/notes.txt  wrote 5 bytes");
+        QCOMPARE(shownTitles(recent->menu()), QStringList{line});
+        QVERIFY(!recent->menu()->actions().front()->isEnabled());
+
+        // The write undone: the line says so.
+        AppState::shared().activity().markRestored(QStringLiteral("1"));
+        recent = actionTitled(&menu(), QStringLiteral("Recent Activity"));
+        QCOMPARE(shownTitles(recent->menu()), QStringList{line + QStringLiteral(" (restored)")});
     }
 
     void unpairFallsBackToTheSetUpMenuAndOpensTheWindow() {

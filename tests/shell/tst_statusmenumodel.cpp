@@ -1,10 +1,13 @@
+#include "ActivityEntry.h"
 #include "MainMenuModel.h"
 #include "MenuItem.h"
 #include "ShellTestMain.h"
 #include "StatusMenuModel.h"
 
 #include <QRegularExpression>
+
 #include <QTest>
+#include <algorithm>
 
 namespace {
 
@@ -61,8 +64,11 @@ private slots:
                      QStringLiteral("  (none yet — add one below) (disabled)"),
                      QStringLiteral("Add Folder… -> addFolderTapped"),
                      QStringLiteral("Open Quillmar OS Window… -> openSetup"),
+                     QStringLiteral("Recent Activity"),
+                     QStringLiteral("    (nothing yet) (disabled)"),
                      QStringLiteral("---"),
                      QStringLiteral("Ask before writing files [x] -> toggleApproval"),
+                     QStringLiteral("Pause Sharing -> togglePause"),
                      QStringLiteral("Unpair this computer -> unpairTapped"),
                      QStringLiteral("---"),
                      QStringLiteral("Quit Quillmar OS -> quitTapped <q>"),
@@ -90,17 +96,22 @@ private slots:
                      QStringLiteral("  \U0001F4C1 Docs"),
                      QStringLiteral("    /home/u/Docs (disabled)"),
                      QStringLiteral("    ---"),
+                     QStringLiteral("    Read Only [ ] -> toggleReadOnlyTapped {") + docsId + u'}',
                      QStringLiteral("    Stop sharing this folder -> removeFolderTapped {") +
                          docsId + u'}',
                      QStringLiteral("  \U0001F4C1 Notes 2"),
                      QStringLiteral("    /home/u/work/Notes (disabled)"),
                      QStringLiteral("    ---"),
+                     QStringLiteral("    Read Only [ ] -> toggleReadOnlyTapped {") + notesId + u'}',
                      QStringLiteral("    Stop sharing this folder -> removeFolderTapped {") +
                          notesId + u'}',
                      QStringLiteral("Add Folder… -> addFolderTapped"),
                      QStringLiteral("Open Quillmar OS Window… -> openSetup"),
+                     QStringLiteral("Recent Activity"),
+                     QStringLiteral("    (nothing yet) (disabled)"),
                      QStringLiteral("---"),
                      QStringLiteral("Ask before writing files [ ] -> toggleApproval"),
+                     QStringLiteral("Pause Sharing -> togglePause"),
                      QStringLiteral("Unpair this computer -> unpairTapped"),
                      QStringLiteral("---"),
                      QStringLiteral("Quit Quillmar OS -> quitTapped <q>"),
@@ -111,7 +122,7 @@ private slots:
         QCOMPARE(entry.action, MenuAction::None);
         QVERIFY(entry.representedObject.isNull());
         // The id is a string: canonical, upper-case, 36 characters.
-        const QVariant id = entry.submenu.at(2).representedObject;
+        const QVariant id = entry.submenu.at(3).representedObject;
         QCOMPARE(id.typeId(), int(QMetaType::QString));
         QCOMPARE(id.toString().size(), 36);
         QCOMPARE(id.toString(), id.toString().toUpper());
@@ -126,11 +137,13 @@ private slots:
         const MenuItem& b = model.items.at(4);
         QCOMPARE(a.submenu.at(0).title, QStringLiteral("/d"));
         QCOMPARE(b.submenu.at(0).title, QStringLiteral("/d"));
-        QCOMPARE(a.submenu.at(2).representedObject.toString(),
-                 StatusMenuModel::folderIdString(first));
-        QCOMPARE(b.submenu.at(2).representedObject.toString(),
-                 StatusMenuModel::folderIdString(second));
-        QVERIFY(a.submenu.at(2).representedObject != b.submenu.at(2).representedObject);
+        for (const qsizetype i : {2, 3}) {
+            QCOMPARE(a.submenu.at(i).representedObject.toString(),
+                     StatusMenuModel::folderIdString(first));
+            QCOMPARE(b.submenu.at(i).representedObject.toString(),
+                     StatusMenuModel::folderIdString(second));
+            QVERIFY(a.submenu.at(i).representedObject != b.submenu.at(i).representedObject);
+        }
     }
 
     void offlineHeaderShowsTheBridgeText() {
@@ -178,7 +191,7 @@ private slots:
     void approvalCheckFollowsTheSetting() {
         for (const bool on : {true, false}) {
             const StatusMenuModel model = StatusMenuModel::build(false, true, QString(), {}, on);
-            const MenuItem& approval = model.items.at(7);
+            const MenuItem& approval = model.items.at(8);
             QCOMPARE(approval.title, QStringLiteral("Ask before writing files"));
             QVERIFY(approval.checkable);
             QCOMPARE(approval.checked, on);
@@ -210,7 +223,7 @@ private slots:
         QCOMPARE(entry.toUcs4().at(2), char32_t(0x1F4C1));
         QCOMPARE(entry.mid(4), QStringLiteral(" A"));
         // No ellipsis although it acts at once.
-        QCOMPARE(model.items.at(8).title, QStringLiteral("Unpair this computer"));
+        QCOMPARE(model.items.at(10).title, QStringLiteral("Unpair this computer"));
     }
 
     // Every title of every layout, and the tool tip: the Linux build names no Mac and no menu bar.
@@ -230,6 +243,118 @@ private slots:
         for (const QString& text : seen) {
             QVERIFY2(!mac.match(text).hasMatch(), qPrintable(text));
         }
+    }
+
+    void readOnlyIsCheckedPerFolder() {
+        SharedFolder docs = folder(QStringLiteral("Docs"), QStringLiteral("/home/u/Docs"));
+        docs.readOnly = true;
+        const SharedFolder notes = folder(QStringLiteral("Notes"), QStringLiteral("/home/u/Notes"));
+        const StatusMenuModel model =
+            StatusMenuModel::build(true, true, QString(), {docs, notes}, true);
+        const MenuItem& docsReadOnly = model.items.at(3).submenu.at(2);
+        const MenuItem& notesReadOnly = model.items.at(4).submenu.at(2);
+        for (const MenuItem* item : {&docsReadOnly, &notesReadOnly}) {
+            QCOMPARE(item->title, QStringLiteral("Read Only"));
+            QCOMPARE(item->action, MenuAction::ToggleReadOnly);
+            QVERIFY(item->checkable);
+            QVERIFY(item->enabled);
+        }
+        QVERIFY(docsReadOnly.checked);
+        QVERIFY(!notesReadOnly.checked);
+        QCOMPARE(docsReadOnly.representedObject.toString(), StatusMenuModel::folderIdString(docs));
+        QCOMPARE(notesReadOnly.representedObject.toString(),
+                 StatusMenuModel::folderIdString(notes));
+    }
+
+    void pauseItemFollowsTheState() {
+        const StatusMenuModel running = StatusMenuModel::build(
+            true, true, QStringLiteral("Connected to Quillmar"), {}, true, QString(), false);
+        QStringList lines = MenuItem::describe(running.items);
+        QVERIFY(lines.contains(QStringLiteral("Pause Sharing -> togglePause")));
+        QVERIFY(!lines.contains(QStringLiteral("Resume Sharing -> togglePause")));
+        // Next to the approval setting.
+        QCOMPARE(lines.indexOf(QStringLiteral("Pause Sharing -> togglePause")),
+                 lines.indexOf(QStringLiteral("Ask before writing files [x] -> toggleApproval")) +
+                     1);
+
+        const StatusMenuModel paused = StatusMenuModel::build(
+            false, true, QStringLiteral("Paused"), {}, true, QStringLiteral("ignored"), true);
+        lines = MenuItem::describe(paused.items);
+        QVERIFY(lines.contains(QStringLiteral("Resume Sharing -> togglePause")));
+        QVERIFY(!lines.contains(QStringLiteral("Pause Sharing -> togglePause")));
+        QCOMPARE(paused.header, QStringLiteral("Quillmar OS — Paused"));
+
+        // Not paired: nothing to pause.
+        const StatusMenuModel unpaired = StatusMenuModel::build(
+            false, false, QStringLiteral("Paused"), {}, true, QString(), true);
+        for (const QString& line : MenuItem::describe(unpaired.items)) {
+            QVERIFY2(!line.contains(QStringLiteral("Sharing")), qPrintable(line));
+        }
+    }
+
+    void recentActivityListsTheLatestFiveNewestFirst() {
+        QList<ActivityEntry> recent;
+        const QDateTime start = QDateTime::currentDateTime();
+        for (int i = 7; i >= 1; --i) {
+            ActivityEntry entry;
+            entry.time = start.addSecs(i);
+            entry.tool = QStringLiteral("local_read_file");
+            entry.subject = QStringLiteral("Docs/file-%1.txt").arg(i);
+            entry.bytes = 2048;
+            recent.append(entry);
+        }
+        ActivityEntry& failed = recent[1];
+        failed.outcome = ActivityEntry::Outcome::Failed;
+        failed.error = QStringLiteral("No such file");
+        failed.bytes = -1;
+        ActivityEntry& declined = recent[2];
+        declined.tool = QStringLiteral("local_write_file");
+        declined.outcome = ActivityEntry::Outcome::Declined;
+        declined.bytes = -1;
+
+        const StatusMenuModel model =
+            StatusMenuModel::build(true, true, QString(), {}, true, QString(), false, recent);
+        const auto found = std::find_if(model.items.cbegin(), model.items.cend(), [](auto& item) {
+            return item.title == QStringLiteral("Recent Activity");
+        });
+        QVERIFY(found != model.items.cend());
+        QVERIFY(found->enabled);
+        QCOMPARE(found->action, MenuAction::None);
+        QCOMPARE(found->submenu.size(), StatusMenuModel::recentActivityCount);
+        const auto time = [&](int i) {
+            return recent.at(i).time.toString(QStringLiteral("HH:mm:ss"));
+        };
+        QStringList titles;
+        for (const MenuItem& line : found->submenu) {
+            QVERIFY(!line.enabled);
+            QCOMPARE(line.action, MenuAction::None);
+            titles.append(line.title);
+        }
+        QCOMPARE(titles, (QStringList{
+                             time(0) + QStringLiteral("  Read  Docs/file-7.txt  read 2.0 KiB"),
+                             time(1) + QStringLiteral("  Read  Docs/file-6.txt  failed"),
+                             time(2) + QStringLiteral("  Write  Docs/file-5.txt  declined"),
+                             time(3) + QStringLiteral("  Read  Docs/file-4.txt  read 2.0 KiB"),
+                             time(4) + QStringLiteral("  Read  Docs/file-3.txt  read 2.0 KiB"),
+                         }));
+    }
+
+    void recentActivityKeepsLongPathsShort() {
+        ActivityEntry entry;
+        entry.time = QDateTime::currentDateTime();
+        entry.tool = QStringLiteral("local_write_file");
+        entry.subject =
+            QStringLiteral("Clients/") + QString(200, u'x') + QStringLiteral("/end.txt");
+        entry.bytes = 12;
+        entry.versionId = QStringLiteral("7");
+        entry.restored = true;
+        const StatusMenuModel model =
+            StatusMenuModel::build(true, true, QString(), {}, true, QString(), false, {entry});
+        const QString line = model.items.at(6).submenu.at(0).title;
+        QVERIFY2(line.size() < 100, qPrintable(line));
+        QVERIFY(line.contains(QStringLiteral("  Wrote  Clients/")));
+        QVERIFY(line.contains(QStringLiteral("\u2026xxx")));
+        QVERIFY(line.endsWith(QStringLiteral("/end.txt  wrote 12 bytes (restored)")));
     }
 
     void mainMenu() {

@@ -115,17 +115,23 @@ private slots:
         // Disabled lines and submenu openers do nothing.
         actions.at(0)->trigger();
         actions.at(3)->trigger();
+        actions.at(6)->trigger();
+        actions.at(6)->menu()->actions().at(0)->trigger();
         QVERIFY(chosen.isEmpty());
         actions.at(3)->menu()->actions().at(2)->trigger();
+        actions.at(3)->menu()->actions().at(3)->trigger();
         actions.at(4)->trigger();
         actions.at(5)->trigger();
-        actions.at(7)->trigger();
         actions.at(8)->trigger();
+        actions.at(9)->trigger();
         actions.at(10)->trigger();
-        QCOMPARE(chosen, (QList<MenuAction>{MenuAction::RemoveFolder, MenuAction::AddFolder,
-                                            MenuAction::OpenSetup, MenuAction::ToggleApproval,
+        actions.at(12)->trigger();
+        QCOMPARE(chosen, (QList<MenuAction>{MenuAction::ToggleReadOnly, MenuAction::RemoveFolder,
+                                            MenuAction::AddFolder, MenuAction::OpenSetup,
+                                            MenuAction::ToggleApproval, MenuAction::TogglePause,
                                             MenuAction::Unpair, MenuAction::Quit}));
-        QCOMPARE(carried.front(), QVariant(StatusMenuModel::folderIdString(docs)));
+        QCOMPARE(carried.at(0), QVariant(StatusMenuModel::folderIdString(docs)));
+        QCOMPARE(carried.at(1), QVariant(StatusMenuModel::folderIdString(docs)));
     }
 };
 

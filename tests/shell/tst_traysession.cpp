@@ -1,6 +1,7 @@
 // The tray icon and its menu in a real X session: a private Xvfb with trayer as the tray host.
 // Skips when either is missing. Screenshots go to the build's tests/shell/screenshots folder.
 
+#include "ActivityLog.h"
 #include "AppDelegate.h"
 #include "AppState.h"
 #include "ApprovalPrompt.h"
@@ -14,6 +15,7 @@
 #include <QAbstractButton>
 #include <QAction>
 #include <QApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QMenu>
@@ -111,6 +113,37 @@ private:
 
     QRect iconGeometry() const { return m_delegate->statusItem()->geometry(); }
 
+    // A few of an agent's calls, for the "Recent Activity" submenu.
+    static void addActivity() {
+        const QDateTime start = QDateTime::currentDateTime().addSecs(-120);
+        const auto add = [&](int seconds, const QString& tool, const QString& subject,
+                             ActivityEntry::Outcome outcome, qint64 bytes) {
+            ActivityEntry entry;
+            entry.time = start.addSecs(seconds);
+            entry.tool = tool;
+            entry.subject = subject;
+            entry.outcome = outcome;
+            entry.bytes = bytes;
+            if (outcome == ActivityEntry::Outcome::Failed) {
+                entry.error = QStringLiteral("No such file or directory.");
+            }
+            AppState::shared().activity().append(entry);
+        };
+        const QString read = QStringLiteral("local_read_file");
+        const QString write = QStringLiteral("local_write_file");
+        add(0, read, QStringLiteral("Documents/plan.md"), ActivityEntry::Outcome::Done, 5120);
+        add(14, read,
+            QStringLiteral("Documents/Clients/Northwind Traders/2024/Quarterly Reports/Q3 board "
+                           "pack (final).pdf"),
+            ActivityEntry::Outcome::Done, 48213);
+        add(31, read, QStringLiteral("Documents/old-terms.docx"), ActivityEntry::Outcome::Failed,
+            -1);
+        add(52, write, QStringLiteral("Documents 2/notes.txt"), ActivityEntry::Outcome::Declined,
+            -1);
+        add(70, write, QStringLiteral("Documents/summary.md"), ActivityEntry::Outcome::Done, 2210);
+        add(75, read, QStringLiteral("Documents/summary.md"), ActivityEntry::Outcome::Done, 2210);
+    }
+
 private slots:
     void initTestCase() {
         if (!m_skipReason.isEmpty()) {
@@ -134,7 +167,8 @@ private slots:
         // Paired, with a tray: the window stays closed.
         QCOMPARE(*m_shows, 0);
         AppState::shared().addFolderAt(m_sandbox->folder(QStringLiteral("Documents")));
-        AppState::shared().addFolderAt(m_sandbox->folder(QStringLiteral("Documents")));
+        AppState::shared().addFolderAt(m_sandbox->folder(QStringLiteral("Documents")), true);
+        addActivity();
         AppState::shared().bridge().onStatus(true, QStringLiteral("Connected to Quillmar"));
         QVERIFY(m_delegate->statusItem()->isVisible());
         QTRY_VERIFY_WITH_TIMEOUT(iconGeometry().width() >= 16, 10000);
@@ -163,6 +197,23 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(second->menu()->isVisible(), 5000);
         QTest::qWait(300);
         QVERIFY(save(grabScreen(), QStringLiteral("tray-submenu.png")));
+        QAction* readOnly = actionTitled(second->menu(), QStringLiteral("Read Only"));
+        QVERIFY(readOnly && readOnly->isChecked());
+
+        // So does "Recent Activity", with the agents' latest calls.
+        QAction* recent = actionTitled(menu, QStringLiteral("Recent Activity"));
+        QVERIFY(recent && recent->menu());
+        QVERIFY(moveTo(centreOf(menu, recent)));
+        QTRY_VERIFY_WITH_TIMEOUT(recent->menu()->isVisible(), 5000);
+        QTest::qWait(300);
+        const QImage activity = grabScreen();
+        QVERIFY(save(activity, QStringLiteral("tray-activity.png")));
+        QCOMPARE(recent->menu()->actions().size(), 5);
+        // The lines fit on the screen.
+        QVERIFY(activity.rect().contains(recent->menu()->geometry()));
+        // On this narrow screen the submenu opens over the menu: close it before clicking there.
+        QVERIFY(moveTo(centreOf(menu, actionTitled(menu, QStringLiteral("Add Folder…")))));
+        QTRY_VERIFY_WITH_TIMEOUT(!recent->menu()->isVisible(), 5000);
 
         // A real click on "Ask before writing files" flips the setting and closes the menu.
         QAction* approval = actionTitled(menu, QStringLiteral("Ask before writing files"));

@@ -1,9 +1,11 @@
 #include "AppSettings.h"
 #include "AppState.h"
 #include "BridgeClient.h"
+#include "FolderStore.h"
 #include "OnboardingStep.h"
 #include "ViewHarness.h"
 
+#include <QPointer>
 #include <QQmlContext>
 #include <QQmlEngine>
 #include <QQmlProperty>
@@ -162,6 +164,98 @@ private slots:
         QQuickItem* divider = harness.item(QStringLiteral("divider"));
         QVERIFY(approval->mapToScene(QPointF(0, approval->height())).y() + 40 <=
                 divider->mapToScene(QPointF()).y() + 0.5);
+    }
+
+    void eachFolderShowsItsAccessAndTheToggleFlipsIt() {
+        ViewHarness harness;
+        AppState& state = startPaired(harness);
+        harness.addFolder(QStringLiteral("Alpha"));
+        harness.addFolder(QStringLiteral("Beta"));
+        QList<QQuickItem*> toggles = harness.items(QStringLiteral("accessToggle"));
+        QCOMPARE(toggles.size(), 2);
+        for (QQuickItem* toggle : toggles) {
+            QVERIFY(!toggle->property("checked").toBool());
+            QCOMPARE(toggle->property("text").toString(), QStringLiteral("Read & write"));
+        }
+        QPointer<QQuickItem> beta = toggles[1];
+        QVERIFY(QQmlProperty::read(beta, QStringLiteral("Accessible.name"), qmlContext(beta))
+                    .toString()
+                    .contains(QStringLiteral("Beta")));
+        const int before = harness.changes;
+
+        harness.click(beta);
+        QVERIFY(!state.folders().at(0).readOnly);
+        QVERIFY(state.folders().at(1).readOnly);
+        QVERIFY(FolderStore::load().at(1).readOnly);
+        QCOMPARE(harness.changes, before + 1);
+        // The same row, now saying so: the control keeps its place (and the keyboard focus).
+        QVERIFY(beta);
+        QVERIFY(beta->property("checked").toBool());
+        QCOMPARE(beta->property("text").toString(), QStringLiteral("Read only"));
+        QCOMPARE(harness.items(QStringLiteral("accessToggle")).value(1), beta.data());
+
+        // By keyboard: Space on the focused toggle flips it back.
+        beta->forceActiveFocus(Qt::TabFocusReason);
+        QTest::keyClick(harness.window(), Qt::Key_Space);
+        ViewHarness::settle();
+        QVERIFY(!state.folders().at(1).readOnly);
+        QVERIFY(!beta->property("checked").toBool());
+
+        // A change from elsewhere (the tray menu) moves the toggle.
+        state.setFolderReadOnly(state.folders().at(0), true);
+        ViewHarness::settle();
+        QVERIFY(
+            harness.items(QStringLiteral("accessToggle")).value(0)->property("checked").toBool());
+        // The path still fits beside it.
+        QQuickItem* path = harness.items(QStringLiteral("folderPath")).value(0);
+        QVERIFY(path->mapToScene(QPointF(path->width(), 0)).x() <=
+                toggles[0]->mapToScene(QPointF()).x());
+    }
+
+    void pausingFromTheHomePage() {
+        ViewHarness harness;
+        AppState& state = startPaired(harness);
+        harness.reportStatus(true, QStringLiteral("Connected to Quillmar"));
+        QCOMPARE(harness.value(QStringLiteral("pauseButton"), "text").toString(),
+                 QStringLiteral("Pause"));
+        QVERIFY(!harness.value(QStringLiteral("resumeButton"), "visible").toBool());
+        const int before = harness.changes;
+
+        harness.click(QStringLiteral("pauseButton"));
+        QVERIFY(state.paused());
+        QCOMPARE(AppSettings::boolean(AppState::pausedSettingKey()), std::optional<bool>(true));
+        QVERIFY(harness.changes > before);
+        QCOMPARE(harness.value(QStringLiteral("connectionText"), "text").toString(),
+                 QStringLiteral("Paused"));
+        // Paused on purpose, not broken: its own symbol and words, no problem text.
+        QCOMPARE(harness.value(QStringLiteral("statusSymbol"), "name").toString(),
+                 QStringLiteral("pause.circle.fill"));
+        QVERIFY(colour(harness, QStringLiteral("statusSymbol")) !=
+                QColor(QStringLiteral("#ff3b30")));
+        QCOMPARE(
+            harness.value(QStringLiteral("statusCardText"), "text").toString(),
+            QStringLiteral("Sharing is paused. Agents can't reach your folders until you resume."));
+        QVERIFY(!harness.value(QStringLiteral("problemText"), "visible").toBool());
+        QCOMPARE(harness.value(QStringLiteral("pauseButton"), "text").toString(),
+                 QStringLiteral("Resume"));
+        QVERIFY(harness.value(QStringLiteral("resumeButton"), "visible").toBool());
+
+        harness.click(QStringLiteral("resumeButton"));
+        QVERIFY(!state.paused());
+        QCOMPARE(AppSettings::boolean(AppState::pausedSettingKey()), std::optional<bool>(false));
+        QVERIFY(!harness.value(QStringLiteral("resumeButton"), "visible").toBool());
+        QCOMPARE(harness.value(QStringLiteral("statusSymbol"), "name").toString(),
+                 QStringLiteral("shield.slash"));
+
+        // The header button works both ways; so does the tray's command.
+        harness.click(QStringLiteral("pauseButton"));
+        QVERIFY(state.paused());
+        harness.click(QStringLiteral("pauseButton"));
+        QVERIFY(!state.paused());
+        state.setPaused(true);
+        ViewHarness::settle();
+        QCOMPARE(harness.value(QStringLiteral("pauseButton"), "text").toString(),
+                 QStringLiteral("Resume"));
     }
 
     void approvalSwitchPersistsAtOnceAndRefreshesTheMenu() {

@@ -5,17 +5,22 @@
 // offscreen unless QT_QPA_PLATFORM says otherwise. The output directory defaults to
 // "screenshots" in the current directory.
 
+#include "ActivityLog.h"
 #include "AppState.h"
 #include "BridgeClient.h"
 #include "ClaimStub.h"
+#include "FileDescriptor.h"
+#include "FileState.h"
 #include "FolderChooser.h"
 #include "Keychain.h"
 #include "OnboardingStep.h"
 #include "OnboardingWindowController.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QFileInfo>
 #include <QGuiApplication>
 #include <QImage>
 #include <QQuickItem>
@@ -25,6 +30,9 @@
 #include <QTimer>
 
 #include <functional>
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -113,6 +121,89 @@ QStringList makeFolders(const QTemporaryDir& home) {
         paths.append(home.filePath(path));
     }
     return paths;
+}
+
+// A file in `folder` that an agent then overwrites, its previous contents kept as a real version
+// (so that restoring it works); the version's id, empty on failure.
+QString keepAndOverwrite(AppState& state, const QString& path, const QString& agentPath) {
+    QFile original(path);
+    if (!original.open(QIODevice::WriteOnly)) {
+        return QString();
+    }
+    original.write("# Q3 summary\n\nRevenue up 4%.\n");
+    original.close();
+    FileDescriptor previous(::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC));
+    struct stat before {};
+    if (!previous.valid() || ::fstat(previous.get(), &before) != 0) {
+        return QString();
+    }
+    const VersionStore::Kept kept =
+        state.versions().keep(agentPath, QFile::encodeName(QFileInfo(path).canonicalFilePath()),
+                              previous.get(), FileState::of(before));
+    QFile rewritten(path);
+    if (kept.id.isEmpty() || !rewritten.open(QIODevice::WriteOnly | QIODevice::Truncate)) {
+        return QString();
+    }
+    rewritten.write(QByteArray(2210, 'x'));
+    rewritten.close();
+    struct stat after {};
+    if (::stat(QFile::encodeName(path).constData(), &after) != 0) {
+        return QString();
+    }
+    state.versions().finish(kept.id, FileState::of(after));
+    return kept.id;
+}
+
+// A few minutes of an agent's work in the two folders, the last a write that can be undone;
+// returns that write's version id.
+QString addActivity(AppState& state, const QStringList& folders) {
+    const QDateTime start = QDateTime::currentDateTime().addSecs(-300);
+    int second = 0;
+    const auto add = [&](const QString& tool, const QString& subject,
+                         ActivityEntry::Outcome outcome = ActivityEntry::Outcome::Done) {
+        ActivityEntry entry;
+        second += 23;
+        entry.time = start.addSecs(second);
+        entry.tool = tool;
+        entry.subject = subject;
+        entry.outcome = outcome;
+        return entry;
+    };
+    ActivityEntry listed = add(QStringLiteral("local_list_files"), QStringLiteral("Board Pack"));
+    listed.items = 12;
+    state.activity().append(listed);
+    ActivityEntry read =
+        add(QStringLiteral("local_read_file"),
+            QStringLiteral(
+                "Contracts/2024/Master Services Agreement - Northwind Traders (signed).pdf"));
+    read.bytes = 48213;
+    state.activity().append(read);
+    ActivityEntry searched =
+        add(QStringLiteral("local_search_files"), QStringLiteral("quarterly revenue"));
+    searched.items = 3;
+    state.activity().append(searched);
+    ActivityEntry missing =
+        add(QStringLiteral("local_read_file"), QStringLiteral("Contracts/2023/old-terms.docx"),
+            ActivityEntry::Outcome::Failed);
+    missing.error = QStringLiteral(
+        "Could not read 'Contracts/2023/old-terms.docx': No such file or directory.");
+    state.activity().append(missing);
+    ActivityEntry refused =
+        add(QStringLiteral("local_write_file"), QStringLiteral("Contracts/notes.txt"),
+            ActivityEntry::Outcome::Failed);
+    refused.error = QStringLiteral("The folder 'Contracts' is shared read-only.");
+    state.activity().append(refused);
+    state.activity().append(add(QStringLiteral("local_write_file"),
+                                QStringLiteral("Board Pack/draft minutes.md"),
+                                ActivityEntry::Outcome::Declined));
+
+    const QString agentPath = QStringLiteral("Board Pack/Q3 summary.md");
+    ActivityEntry written = add(QStringLiteral("local_write_file"), agentPath);
+    written.bytes = 2210;
+    written.versionId =
+        keepAndOverwrite(state, folders.value(1) + QStringLiteral("/Q3 summary.md"), agentPath);
+    state.activity().append(written);
+    return written.versionId;
 }
 
 } // namespace
@@ -214,6 +305,28 @@ int main(int argc, char* argv[]) {
         state.removeFolder(state.folders().constFirst());
     }
     tour.shoot(QStringLiteral("12-home-no-folders"));
+
+    // One folder agents may only read, one they may also write.
+    chooser->answers = folders;
+    state.addFolder();
+    state.addFolder();
+    state.setFolderReadOnly(state.folders().constFirst(), true);
+    tour.shoot(QStringLiteral("14-folders-access"));
+
+    state.setPaused(true);
+    tour.shoot(QStringLiteral("15-home-paused"));
+    state.setPaused(false);
+    state.bridge().onStatus(true, QStringLiteral("Connected to Quillmar"));
+
+    QQuickItem* homeView = tour.item(QStringLiteral("homeView"));
+    QMetaObject::invokeMethod(homeView, "showActivity");
+    tour.shoot(QStringLiteral("16-activity-empty"));
+    const QString versionId = addActivity(state, folders);
+    tour.shoot(QStringLiteral("17-activity"));
+    state.restoreVersion(versionId);
+    waitFor([&] { return state.activity().size() > 0 && state.activity().at(0).restored; });
+    tour.shoot(QStringLiteral("18-activity-restored"));
+    QMetaObject::invokeMethod(homeView, "showHome", Q_ARG(QVariant, QVariant(false)));
 
     state.unpair();
     tour.shoot(QStringLiteral("13-after-unpair"));

@@ -1,0 +1,170 @@
+import QtQuick
+import QtQuick.Controls.Basic
+import QtQuick.Layouts
+import Quillmar.Views
+
+// The agents' calls since the companion started, newest first, as they happen; a write whose
+// previous version was kept can be undone from here. Reached from the home page.
+Item {
+    id: page
+
+    // The user asked to go back to the home page, by keyboard or not.
+    signal back(bool byKeyboard)
+
+    // Where the keyboard goes when the page opens.
+    function focusFirst(reason) {
+        backButton.forceActiveFocus(reason)
+    }
+
+    implicitWidth: 460
+    implicitHeight: 600
+
+    ActivityListModel {
+        id: activity
+    }
+
+    ColumnLayout {
+        anchors.fill: parent
+        anchors.margins: 24
+        spacing: 12
+
+        RowLayout {
+            Layout.fillWidth: true
+            spacing: 12
+
+            PillButton {
+                id: backButton
+                objectName: "activityBackButton"
+                symbol: "chevron.left"
+                text: qsTr("Home")
+                Accessible.name: qsTr("Back to the home page")
+                onClicked: page.back(visualFocus)
+            }
+            Text {
+                objectName: "activityTitle"
+                Layout.fillWidth: true
+                text: qsTr("Recent activity")
+                color: Theme.primary
+                font.pixelSize: 17
+                font.bold: true
+                elide: Text.ElideRight
+            }
+        }
+        Text {
+            Layout.fillWidth: true
+            text: qsTr("What agents did in your shared folders since Quillmar OS started, newest first.")
+            color: Theme.secondary
+            font.pixelSize: 12
+            wrapMode: Text.WordWrap
+        }
+
+        // The outcome of the last restore, until dismissed or the next one starts.
+        Card {
+            id: notice
+            objectName: "restoreNotice"
+            Layout.fillWidth: true
+            visible: activity.notice.length > 0
+            padding: 10
+            leftPadding: 12
+
+            readonly property color tint: activity.noticeIsError ? Theme.red : Theme.brand
+
+            background: Rectangle {
+                radius: 12
+                color: Theme.alpha(notice.tint, 0.09)
+                border.width: 1
+                border.color: Theme.alpha(notice.tint, 0.35)
+            }
+            contentItem: RowLayout {
+                spacing: 8
+
+                Symbol {
+                    Layout.alignment: Qt.AlignTop
+                    Layout.topMargin: 1
+                    name: activity.noticeIsError ? "exclamationmark.circle.fill"
+                                                 : "checkmark.circle.fill"
+                    size: 14
+                    color: notice.tint
+                }
+                Text {
+                    objectName: "restoreNoticeText"
+                    Layout.fillWidth: true
+                    text: activity.notice
+                    color: activity.noticeIsError ? Theme.red : Theme.primary
+                    font.pixelSize: 12
+                    wrapMode: Text.Wrap
+                    Accessible.role: Accessible.AlertMessage
+                    Accessible.name: text
+                }
+                PlainButton {
+                    objectName: "dismissNoticeButton"
+                    Layout.alignment: Qt.AlignTop
+                    symbol: "xmark"
+                    symbolSize: 13
+                    color: Theme.secondary
+                    Accessible.name: qsTr("Dismiss")
+                    onClicked: activity.dismissNotice()
+                }
+            }
+        }
+
+        Card {
+            id: emptyCard
+            objectName: "activityEmpty"
+            Layout.fillWidth: true
+            visible: activity.count === 0
+
+            contentItem: RowLayout {
+                spacing: 8
+
+                Symbol {
+                    name: "clock.arrow.circlepath"
+                    size: 16
+                    color: Theme.secondary
+                }
+                Text {
+                    objectName: "activityEmptyText"
+                    Layout.fillWidth: true
+                    text: qsTr("Nothing yet. When an agent reads, lists, searches or writes files in a shared folder, it shows up here.")
+                    color: Theme.secondary
+                    font.pointSize: Typography.points(12.5)
+                    wrapMode: Text.WordWrap
+                }
+            }
+        }
+        Item {
+            Layout.fillHeight: true
+            visible: activity.count === 0
+        }
+
+        ListView {
+            id: list
+            objectName: "activityList"
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            visible: activity.count > 0
+            model: activity
+            spacing: 6
+            clip: true
+            boundsBehavior: Flickable.StopAtBounds
+            ScrollBar.vertical: ScrollBar {}
+            Accessible.role: Accessible.List
+            Accessible.name: qsTr("Recent activity")
+
+            delegate: ActivityRow {
+                id: activityRow
+                width: ListView.view.width
+                onRestoreRequested: activity.restore(activityRow.index)
+            }
+        }
+
+        Text {
+            objectName: "activityFootnote"
+            Layout.fillWidth: true
+            text: qsTr("Kept in memory only, and cleared when Quillmar OS quits.")
+            color: Theme.secondary
+            font.pixelSize: 11
+            wrapMode: Text.WordWrap
+        }
+    }
+}
