@@ -58,12 +58,13 @@ void announceOwnCalls() {
     });
 }
 
+} // namespace
+
 // A call goes to the running companion when there is one, else runs here.
-QCoro::Task<ToolResult> runCall(QString method, QJsonObject params, QString agent) {
+QCoro::Task<ToolResult> McpCommand::runCall(QString method, QJsonObject params, QString agent) {
     const QJsonObject call{{QStringLiteral("agent"), agent},
                            {QStringLiteral("method"), method},
                            {QStringLiteral("params"), params}};
-    // Tasks are awaited from variables: GCC 12 mishandles temporaries in co_await.
     QCoro::Task<std::optional<QByteArray>> handing = SingleInstance::handOverCall(
         SingleInstance::defaultDirectory(), QJsonDocument(call).toJson(QJsonDocument::Compact));
     const std::optional<QByteArray> reply = co_await handing;
@@ -84,8 +85,6 @@ QCoro::Task<ToolResult> runCall(QString method, QJsonObject params, QString agen
     co_return result;
 }
 
-} // namespace
-
 int McpCommand::run(const QStringList& arguments, QTextStream&, QTextStream& err) {
     if (!arguments.isEmpty()) {
         err << "usage: quillmar-companion mcp\n" << Qt::flush;
@@ -101,7 +100,7 @@ int McpCommand::run(const QStringList& arguments, QTextStream&, QTextStream& err
     }
     AppState::setPairingUsed(false);
 
-    McpServer server(runCall, QCoreApplication::applicationVersion());
+    McpServer server(&McpCommand::runCall, QCoreApplication::applicationVersion());
     bool clientGone = false;
     QObject::connect(&server, &McpServer::message, [&clientGone](const QByteArray& line) {
         if (!clientGone && !writeOut(line + '\n')) {

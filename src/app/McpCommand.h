@@ -1,5 +1,9 @@
 #pragma once
 
+#include "ToolResult.h"
+
+#include <QCoroTask>
+#include <QJsonObject>
 #include <QStringList>
 #include <QTextStream>
 
@@ -11,4 +15,7 @@
 class McpCommand {
 public:
     static int run(const QStringList& arguments, QTextStream& out, QTextStream& err);
+
+private:
+    static QCoro::Task<ToolResult> runCall(QString method, QJsonObject params, QString agent);
 };

@@ -51,8 +51,13 @@ QString ActivityEntry::line() const {
         text += QStringLiteral(", ") + amount;
     }
     if (!versionId.isEmpty()) {
-        text += restored ? QStringLiteral(" (restored)")
-                         : QStringLiteral(" (version %1 kept)").arg(versionId);
+        if (restored) {
+            text += QStringLiteral(" (restored)");
+        } else if (!versionNote.isEmpty()) {
+            text += QStringLiteral(" (%1, version %2)").arg(oneLine(versionNote), versionId);
+        } else {
+            text += QStringLiteral(" (version %1 kept)").arg(versionId);
+        }
     } else if (!versionNote.isEmpty()) {
         text += QStringLiteral(" (") + oneLine(versionNote) + u')';
     }

@@ -267,23 +267,28 @@ void SingleInstance::acceptConnections() {
 
 QCoro::Task<> SingleInstance::answerCall(QLocalSocket* socket, QByteArray call) {
     const QPointer<QLocalSocket> caller(socket);
-    QByteArray reply;
+    const auto send = [caller](const QByteArray& reply) {
+        if (caller && caller->state() == QLocalSocket::ConnectedState) {
+            caller->write(reply);
+            // Closes once everything is written.
+            caller->disconnectFromServer();
+        }
+    };
     const QJsonObject request = QJsonDocument::fromJson(call).object();
     if (!m_callHandler) {
-        reply = QByteArrayLiteral("1This companion does not take calls from local agents.");
-    } else if (request.isEmpty()) {
-        reply = QByteArrayLiteral("1The call was not a JSON object.");
-    } else {
-        QCoro::Task<QByteArray> handling = m_callHandler(request, [caller] {
-            return caller && caller->state() == QLocalSocket::ConnectedState;
-        });
-        reply = co_await handling;
+        send(QByteArrayLiteral("1This companion does not take calls from local agents."));
+        co_return;
     }
-    if (caller && caller->state() == QLocalSocket::ConnectedState) {
-        caller->write(reply);
-        // Closes once everything is written.
-        caller->disconnectFromServer();
+    if (request.isEmpty()) {
+        send(QByteArrayLiteral("1The call was not a JSON object."));
+        co_return;
     }
+    // Awaited into a variable declared here: GCC 12 may lose a value co_awaited into an
+    // existing one.
+    QCoro::Task<QByteArray> handling = m_callHandler(
+        request, [caller] { return caller && caller->state() == QLocalSocket::ConnectedState; });
+    const QByteArray reply = co_await handling;
+    send(reply);
 }
 
 QCoro::Task<std::optional<QByteArray>> SingleInstance::handOverCall(QString directory,

@@ -391,21 +391,26 @@ AppState::runAgentCall(QString method, QJsonObject params, QString agent,
     entry.time = QDateTime::currentDateTimeUtc();
     entry.agent = agent;
     entry.tool = ActivityEntry::shortened(method);
-    entry.subject = params
-                        .value(method == u"local_search_files" ? QStringLiteral("query")
-                                                               : QStringLiteral("path"))
-                        .toString();
-    ToolResult result;
+    entry.subject = ActivityEntry::shortened(params
+                                                 .value(method == u"local_search_files"
+                                                            ? QStringLiteral("query")
+                                                            : QStringLiteral("path"))
+                                                 .toString());
     if (m_paused) {
-        result = FileService::errorObject(QStringLiteral("Sharing is paused on the user's ") +
-                                          Platform::device() + u'.');
-    } else {
-        QCoro::Task<ToolResult> running =
-            m_worker->run(std::move(method), std::move(params), std::move(approver));
-        result = co_await running;
-        if (!self) {
-            co_return result;
-        }
+        entry.outcome = ActivityEntry::Outcome::Failed;
+        entry.error =
+            QStringLiteral("Sharing is paused on the user's ") + Platform::device() + u'.';
+        const ToolResult refused(FileService::errorObject(entry.error));
+        m_activity->append(std::move(entry));
+        co_return refused;
+    }
+    // Declared where it is awaited: GCC 12 may lose a value co_awaited into an existing
+    // variable inside a branch.
+    QCoro::Task<ToolResult> running =
+        m_worker->run(std::move(method), std::move(params), std::move(approver));
+    ToolResult result = co_await running;
+    if (!self) {
+        co_return result;
     }
     const FileWorker::CallReport& report = m_worker->lastCall();
     if (!result.isJson()) {
@@ -416,12 +421,10 @@ AppState::runAgentCall(QString method, QJsonObject params, QString agent,
             entry.error = ActivityEntry::shortened(error.toString());
         }
     }
-    if (!m_paused) {
-        entry.bytes = report.bytes;
-        entry.items = report.items;
-        entry.versionId = report.versionId;
-        entry.versionNote = report.versionNote;
-    }
+    entry.bytes = report.bytes;
+    entry.items = report.items;
+    entry.versionId = report.versionId;
+    entry.versionNote = report.versionNote;
     m_activity->append(std::move(entry));
     co_return result;
 }
