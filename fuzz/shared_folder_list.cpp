@@ -1,7 +1,8 @@
 // The stored list of shared folders. SharedFolder::decodeList on arbitrary bytes must accept
 // exactly the lists that the record rules allow (checked here by hand on the parsed JSON), and
 // every list it accepts must survive encoding: decode(encode(x)) == x, and encoding again gives
-// the same bytes. The encoded records keep their keys in the order id, name, path, bookmark.
+// the same bytes. The encoded records keep their keys in the order id, name, path, bookmark,
+// read_only; read_only is written only when true.
 //
 // Input: the stored bytes as they stand.
 
@@ -13,6 +14,8 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+
+#include <algorithm>
 
 namespace {
 
@@ -40,6 +43,7 @@ struct Expected {
     QString name;
     QString path;
     std::optional<QByteArray> bookmark;
+    bool readOnly = false;
 };
 
 // The records the rules allow, or nothing when any record breaks them.
@@ -71,6 +75,12 @@ std::optional<QList<Expected>> model(const QByteArray& bytes) {
         } else if (!bookmark.isUndefined() && !bookmark.isNull()) {
             return std::nullopt;
         }
+        const QJsonValue readOnly = object.value(QStringLiteral("read_only"));
+        if (readOnly.isBool()) {
+            record.readOnly = readOnly.toBool();
+        } else if (!readOnly.isUndefined() && !readOnly.isNull()) {
+            return std::nullopt;
+        }
         records.append(record);
     }
     return records;
@@ -84,7 +94,8 @@ void checkRecordEncoding(const SharedFolder& folder, const Detail& detail) {
                detail() + QStringLiteral("\nrecord ") + QString::fromUtf8(json));
     const QJsonObject object = document.object();
     FUZZ_CHECK(object == folder.toJsonObject(), detail());
-    FUZZ_CHECK(object.size() == (folder.bookmark ? 4 : 3), detail());
+    FUZZ_CHECK(object.size() == 3 + (folder.bookmark ? 1 : 0) + (folder.readOnly ? 1 : 0),
+               detail());
 
     const QString id = object.value(QStringLiteral("id")).toString();
     FUZZ_CHECK(isUuidText(id) && id == id.toUpper(), detail());
@@ -97,6 +108,11 @@ void checkRecordEncoding(const SharedFolder& folder, const Detail& detail) {
     const qsizetype bookmarkAt = json.indexOf("\"bookmark\":");
     FUZZ_CHECK(idAt == 1 && idAt < nameAt && nameAt < pathAt, detail());
     FUZZ_CHECK(folder.bookmark ? pathAt < bookmarkAt : bookmarkAt < 0, detail());
+    const qsizetype readOnlyAt = json.indexOf("\"read_only\":");
+    FUZZ_CHECK(folder.readOnly ? readOnlyAt > std::max(pathAt, bookmarkAt) : readOnlyAt < 0,
+               detail());
+    FUZZ_CHECK(!folder.readOnly || object.value(QStringLiteral("read_only")) == QJsonValue(true),
+               detail());
     if (folder.bookmark) {
         const QString text = object.value(QStringLiteral("bookmark")).toString();
         FUZZ_CHECK(text == base64reference::encode(*folder.bookmark), detail());
@@ -125,6 +141,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         FUZZ_CHECK(folder.name == record.name, detail());
         FUZZ_CHECK(folder.path == record.path, detail());
         FUZZ_CHECK(folder.bookmark == record.bookmark, detail());
+        FUZZ_CHECK(folder.readOnly == record.readOnly, detail());
         checkRecordEncoding(folder, detail);
     }
 

@@ -9,10 +9,13 @@
 // answer. One operation at a time: one warm-up run of each side, then N runs interleaved (ours,
 // the peer, and find for the search; who goes first alternates), and the medians are compared.
 //
-//   peer-bench PORT DEVICE RUNS WORK NODE PEER_JS [ONLY]
+//   peer-bench PORT DEVICE RUNS WORK NODE PEER_JS [ONLY [OUR_MCP_COMMAND...]]
 //
-// ONLY, a comma-separated list of list, read-small, read-large and search, keeps those
-// operations (default: all).
+// ONLY, a comma-separated list of list, read-small, read-large, search, mcp-read-small and
+// mcp-search, keeps those operations (default: all). The mcp- ones compare the same reads and
+// searches over the Model Context Protocol on both sides: OUR_MCP_COMMAND starts
+// `quillmar-companion mcp` (with the companion's environment), a second long-lived server
+// spoken to exactly as the peer is.
 // WORK holds the generated data (see bench/peer/run) and the shared folders' agent names in
 // WORK/names.txt ("list=NAME" and so on, one a line). Prints the table and a machine-readable
 // line per comparison ("ratio NAME VALUE TARGET PASS|MISS"); exits 0 when every target is met,
@@ -33,6 +36,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -78,8 +82,8 @@ double median(std::vector<double> values) {
 // Waits until `fd` is readable; false on time-out.
 bool waitReadable(int fd, Clock::time_point deadline) {
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                                                 Clock::now());
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
         if (left.count() <= 0) {
             return false;
         }
@@ -366,7 +370,9 @@ std::optional<std::string> stringAfter(const std::string& json, const std::strin
     i += key.size();
     std::string out;
     out.reserve(json.size() / 2);
-    auto hex4 = [&](std::size_t at) { return char32_t(std::stoul(json.substr(at, 4), nullptr, 16)); };
+    auto hex4 = [&](std::size_t at) {
+        return char32_t(std::stoul(json.substr(at, 4), nullptr, 16));
+    };
     while (i < json.size()) {
         const std::size_t stop = json.find_first_of("\"\\", i);
         if (stop == std::string::npos) {
@@ -379,11 +385,21 @@ std::optional<std::string> stringAfter(const std::string& json, const std::strin
         const char e = json[stop + 1];
         i = stop + 2;
         switch (e) {
-        case 'n': out += '\n'; break;
-        case 't': out += '\t'; break;
-        case 'r': out += '\r'; break;
-        case 'b': out += '\b'; break;
-        case 'f': out += '\f'; break;
+        case 'n':
+            out += '\n';
+            break;
+        case 't':
+            out += '\t';
+            break;
+        case 'r':
+            out += '\r';
+            break;
+        case 'b':
+            out += '\b';
+            break;
+        case 'f':
+            out += '\f';
+            break;
         case 'u': {
             char32_t c = hex4(i);
             i += 4;
@@ -394,7 +410,9 @@ std::optional<std::string> stringAfter(const std::string& json, const std::strin
             appendUtf8(out, c);
             break;
         }
-        default: out += e; break; // \" \\ \/
+        default:
+            out += e;
+            break; // \" \\ \/
         }
     }
     return std::nullopt;
@@ -452,8 +470,9 @@ void expect(bool ok, const std::string& what) {
 } // namespace
 
 int main(int argc, char* argv[]) {
-    if (argc != 7 && argc != 8) {
-        std::fprintf(stderr, "usage: peer-bench PORT DEVICE RUNS WORK NODE PEER_JS [ONLY]\n");
+    if (argc < 7) {
+        std::fprintf(stderr, "usage: peer-bench PORT DEVICE RUNS WORK NODE PEER_JS [ONLY "
+                             "[OUR_MCP_COMMAND...]]\n");
         return 2;
     }
     const quint16 port = quint16(std::atoi(argv[1]));
@@ -468,8 +487,15 @@ int main(int argc, char* argv[]) {
     std::free(resolved);
     const std::string node = argv[5];
     const std::string peerJs = argv[6];
-    const std::string only = "," + std::string(argc == 8 ? argv[7] : "list,read-small,read-large,search") + ",";
-    auto wanted = [&](const char* key) { return only.find("," + std::string(key) + ",") != std::string::npos; };
+    const std::string only =
+        "," +
+        std::string(argc >= 8 ? argv[7]
+                              : "list,read-small,read-large,search,mcp-read-small,mcp-search") +
+        ",";
+    std::vector<std::string> ourMcpCommand(argv + std::min(argc, 8), argv + argc);
+    auto wanted = [&](const char* key) {
+        return only.find("," + std::string(key) + ",") != std::string::npos;
+    };
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
     std::map<std::string, std::string> names;
@@ -536,6 +562,8 @@ int main(int argc, char* argv[]) {
         std::string peerParams;
         double target = 3; // peer / ours at least this
         bool withFind = false;
+        // Ours over the Model Context Protocol (ourBody is then the tools/call params).
+        bool viaMcp = false;
         std::string lastOurs, lastPeer, lastFind;
         std::vector<double> oursMs, peerMs, findMs;
     };
@@ -556,38 +584,71 @@ int main(int argc, char* argv[]) {
     if (wanted("list")) {
         ops.push_back(op("list", "list 1,000 vs list_directory", listBody,
                          tool("list_directory", "{\"path\":" + jsonQuoted(listDir) + "}"), 3));
-        ops.push_back(op("list-sized", "list 1,000 vs ..._with_sizes", listBody,
-                         tool("list_directory_with_sizes",
-                              "{\"path\":" + jsonQuoted(listDir) + "}"),
-                         3));
+        ops.push_back(
+            op("list-sized", "list 1,000 vs ..._with_sizes", listBody,
+               tool("list_directory_with_sizes", "{\"path\":" + jsonQuoted(listDir) + "}"), 3));
     }
     if (wanted("read-small")) {
-        ops.push_back(op("read-small", "read a 4 KiB file",
-                         ours("local_read_file",
-                              "{\"path\":" + jsonQuoted(names["small"] + "/small.txt") + "}"),
-                         tool("read_text_file", "{\"path\":" + jsonQuoted(smallFile) + "}"), 3));
+        ops.push_back(op(
+            "read-small", "read a 4 KiB file",
+            ours("local_read_file", "{\"path\":" + jsonQuoted(names["small"] + "/small.txt") + "}"),
+            tool("read_text_file", "{\"path\":" + jsonQuoted(smallFile) + "}"), 3));
     }
     if (wanted("search")) {
         ops.push_back(op("search", "search 50,000 files by name",
                          ours("local_search_files", "{\"query\":" + jsonQuoted(wildcard) + "}"),
-                         tool("search_files", "{\"path\":" + jsonQuoted(treeDir) +
-                                                  ",\"pattern\":" + jsonQuoted("**/" + wildcard) +
-                                                  "}"),
+                         tool("search_files", "{\"path\":" + jsonQuoted(treeDir) + ",\"pattern\":" +
+                                                  jsonQuoted("**/" + wildcard) + "}"),
                          20, true));
     }
     if (wanted("read-large")) {
-        ops.push_back(op("read-large", "read a 100 MiB file",
-                         ours("local_read_file",
-                              "{\"path\":" + jsonQuoted(names["large"] + "/large.txt") + "}"),
-                         tool("read_text_file", "{\"path\":" + jsonQuoted(largeFile) + "}"), 3));
+        ops.push_back(op(
+            "read-large", "read a 100 MiB file",
+            ours("local_read_file", "{\"path\":" + jsonQuoted(names["large"] + "/large.txt") + "}"),
+            tool("read_text_file", "{\"path\":" + jsonQuoted(largeFile) + "}"), 3));
     }
     if (ops.empty()) {
         setupError("nothing to measure");
     }
 
+    std::unique_ptr<Peer> ourMcp;
+    if (wanted("mcp-read-small") || wanted("mcp-search")) {
+        if (ourMcpCommand.empty()) {
+            setupError("the mcp- operations need OUR_MCP_COMMAND");
+        }
+        ourMcp = std::make_unique<Peer>(ourMcpCommand, work + "/ours-mcp.log");
+        const std::string hello = ourMcp->request(
+            "initialize",
+            R"({"protocolVersion":"2025-06-18","capabilities":{},"clientInfo":{"name":"peer-bench","version":"1"}})");
+        if (hello.find("\"result\"") == std::string::npos) {
+            setupError("our MCP server refused to initialise: " + hello.substr(0, 300));
+        }
+        ourMcp->notify("notifications/initialized");
+        std::printf("ours over MCP: quillmar-companion mcp over stdio, handing calls to the "
+                    "running companion\n");
+        if (wanted("mcp-read-small")) {
+            Op made = op("mcp-read-small", "MCP: read a 4 KiB file",
+                         tool("local_read_file",
+                              "{\"path\":" + jsonQuoted(names["small"] + "/small.txt") + "}"),
+                         tool("read_text_file", "{\"path\":" + jsonQuoted(smallFile) + "}"), 3);
+            made.viaMcp = true;
+            ops.insert(ops.begin(), std::move(made));
+        }
+        if (wanted("mcp-search")) {
+            Op made = op("mcp-search", "MCP: search 50,000 files",
+                         tool("local_search_files", "{\"query\":" + jsonQuoted(wildcard) + "}"),
+                         tool("search_files", "{\"path\":" + jsonQuoted(treeDir) + ",\"pattern\":" +
+                                                  jsonQuoted("**/" + wildcard) + "}"),
+                         20);
+            made.viaMcp = true;
+            ops.insert(ops.begin(), std::move(made));
+        }
+    }
+
     auto timeOurs = [&](Op& op) {
         const auto start = Clock::now();
-        op.lastOurs = agent.call(op.ourBody);
+        op.lastOurs =
+            op.viaMcp ? ourMcp->request("tools/call", op.ourBody) : agent.call(op.ourBody);
         return millis(Clock::now() - start);
     };
     auto timePeer = [&](Op& op) {
@@ -632,6 +693,27 @@ int main(int argc, char* argv[]) {
             std::printf("         peer, list_directory_with_sizes: %zu entries with a rounded size "
                         "(\"3.91 MB\"), sorted by name, and a summary; no time (%s of JSON)\n",
                         peerLines - 3, kib(op.lastPeer.size()).c_str());
+        } else if (op.viaMcp) {
+            // Both answer in MCP's own shape; ours carries the result as structured content.
+            const QJsonObject ours = QJsonDocument::fromJson(QByteArray::fromStdString(op.lastOurs))
+                                         .object()
+                                         .value(QStringLiteral("result"))
+                                         .toObject();
+            const QJsonObject result = ours.value(QStringLiteral("structuredContent")).toObject();
+            const auto text = stringAfter(op.lastPeer, "\"text\":\"");
+            expect(!ours.value(QStringLiteral("isError")).toBool(), op.label + ": ours failed");
+            if (op.key == "mcp-read-small") {
+                const std::string file = readWhole(smallFile);
+                expect(result.value(QStringLiteral("content")).toString().toStdString() == file,
+                       op.label + ": our content is not the file");
+                expect(text && *text == file, op.label + ": the peer's text is not the file");
+            } else {
+                expect(result.value(QStringLiteral("count")).toInt() == 6,
+                       op.label + ": our count");
+                expect(text && linesIn(*text) == 6, op.label + ": the peer's count");
+            }
+            std::printf("  %s: ours %s, peer %s of JSON\n", op.label.c_str(),
+                        kib(op.lastOurs.size()).c_str(), kib(op.lastPeer.size()).c_str());
         } else if (op.key == "read-small" || op.key == "read-large") {
             const bool small = op.key == "read-small";
             const std::string file = readWhole(small ? smallFile : largeFile);
@@ -649,8 +731,9 @@ int main(int argc, char* argv[]) {
             expect(text && *text == file, label + ": the peer's text is not the file");
             std::printf("  %s ours: %lld characters from the start (%s), truncated %s (%s of "
                         "JSON)\n",
-                        label.c_str(), qlonglong(graphemes(content)), kib(std::size_t(bytes.size())).c_str(),
-                        truncated ? "true" : "false", kib(op.lastOurs.size()).c_str());
+                        label.c_str(), qlonglong(graphemes(content)),
+                        kib(std::size_t(bytes.size())).c_str(), truncated ? "true" : "false",
+                        kib(op.lastOurs.size()).c_str());
             std::printf("         peer: the whole file, %s, twice: in content and in "
                         "structuredContent (%s of JSON)\n",
                         kib(text ? text->size() : 0).c_str(), kib(op.lastPeer.size()).c_str());

@@ -18,11 +18,9 @@ VersionStore store() {
     return VersionStore(VersionStore::defaultDirectory(), VersionStore::defaultBudget());
 }
 
-QString oneLine(const QString& text) {
-    return VisibleText::escaped(text).replace(u'\n', u'\u2424');
-}
-
 } // namespace
+
+using VisibleText::oneLine;
 
 int HistoryCommands::history(const QStringList& arguments, QTextStream& out, QTextStream& err) {
     if (!arguments.isEmpty()) {

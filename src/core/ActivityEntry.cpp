@@ -3,14 +3,8 @@
 #include "VersionStore.h"
 #include "VisibleText.h"
 
-namespace {
-
 // Safe on one line of a terminal or a menu, whatever the agent put in it.
-QString oneLine(const QString& text) {
-    return VisibleText::escaped(text).replace(u'\n', u'\u2424');
-}
-
-} // namespace
+using VisibleText::oneLine;
 
 QString ActivityEntry::outcomeText() const {
     switch (outcome) {

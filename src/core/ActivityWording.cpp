@@ -1,5 +1,7 @@
 #include "ActivityWording.h"
 
+#include "VisibleText.h"
+
 #include <QCoreApplication>
 
 namespace {
@@ -45,7 +47,9 @@ QString ActivityWording::shortOutcome(const ActivityEntry& entry) {
 }
 
 QString ActivityWording::menuLine(const ActivityEntry& entry, qsizetype subjectLimit) {
-    const QString subject = entry.subject.isEmpty() ? QStringLiteral("-") : entry.subject;
+    // What the agent chose is shown, never obeyed.
+    const QString subject =
+        entry.subject.isEmpty() ? QStringLiteral("-") : VisibleText::oneLine(entry.subject);
     QString line = timeText(entry) + QStringLiteral("  ") + toolLabel(entry) +
                    QStringLiteral("  ") + elideMiddle(subject, subjectLimit) +
                    QStringLiteral("  ") + shortOutcome(entry);

@@ -66,3 +66,7 @@ QString VisibleText::escaped(QStringView text) {
     }
     return shown;
 }
+
+QString VisibleText::oneLine(QStringView text) {
+    return escaped(text).replace(u'\n', u'\u2424');
+}

@@ -19,5 +19,7 @@
 namespace VisibleText {
 
 QString escaped(QStringView text);
+// The same, kept on one line: a line feed is shown as "␤".
+QString oneLine(QStringView text);
 
 } // namespace VisibleText

@@ -1,6 +1,7 @@
 #include "ActivityListModel.h"
 
 #include "ActivityWording.h"
+#include "VisibleText.h"
 
 #include <QLoggingCategory>
 
@@ -45,9 +46,10 @@ QVariant ActivityListModel::data(const QModelIndex& index, int role) const {
         return entry.tool;
     case ToolLabelRole:
         return ActivityWording::toolLabel(entry);
+    // What an agent chose is shown, never obeyed: no control or direction characters.
     case SubjectRole:
     case Qt::DisplayRole:
-        return entry.subject;
+        return VisibleText::oneLine(entry.subject);
     case OutcomeTextRole:
         return entry.outcomeText();
     case OutcomeKindRole:
@@ -59,11 +61,11 @@ QVariant ActivityListModel::data(const QModelIndex& index, int role) const {
     case DeclinedRole:
         return declined;
     case ErrorTextRole:
-        return entry.error;
+        return VisibleText::oneLine(entry.error);
     case AmountTextRole:
         return entry.amountText();
     case AgentRole:
-        return entry.agent;
+        return VisibleText::oneLine(entry.agent);
     case VersionIdRole:
         return entry.versionId;
     case VersionNoteRole:
@@ -165,10 +167,11 @@ void ActivityListModel::dismissNotice() {
 }
 
 void ActivityListModel::setNotice(const QString& text, bool isError) {
-    if (m_notice == text && m_noticeIsError == isError) {
+    if (m_notice == VisibleText::escaped(text) && m_noticeIsError == isError) {
         return;
     }
-    m_notice = text;
+    // The message quotes the agent's path: shown, never obeyed.
+    m_notice = VisibleText::escaped(text);
     m_noticeIsError = isError;
     emit noticeChanged();
 }

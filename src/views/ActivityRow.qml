@@ -30,10 +30,11 @@ Card {
                                                   : declined ? qsTr("declined") : qsTr("done")
     // The second line: what went wrong, or what was moved and what became of the old version.
     readonly property string detail: {
+        const who = agent.length > 0 ? " \u00b7 " + agent : ""
         if (failed)
-            return errorText.length > 0 ? errorText : qsTr("Failed")
+            return (errorText.length > 0 ? errorText : qsTr("Failed")) + who
         if (declined)
-            return qsTr("Declined on this %1").arg(Platform.device)
+            return qsTr("Declined on this %1").arg(Platform.device) + who
         const parts = []
         if (amountText.length > 0)
             parts.push(amountText)
@@ -87,6 +88,8 @@ Card {
                     objectName: "activitySubject"
                     Layout.fillWidth: true
                     text: row.subject.length > 0 ? row.subject : "\u2014"
+                    // An agent's path is text, never markup.
+                    textFormat: Text.PlainText
                     color: Theme.alpha(Theme.primary, 0.8)
                     font.pixelSize: 13
                     elide: Text.ElideMiddle
@@ -104,6 +107,7 @@ Card {
                 Layout.fillWidth: true
                 visible: text.length > 0
                 text: row.detail
+                textFormat: Text.PlainText
                 color: row.failed ? Theme.red : row.declined ? Theme.amber : Theme.secondary
                 font.pixelSize: 11
                 wrapMode: Text.Wrap

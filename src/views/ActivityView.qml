@@ -90,6 +90,7 @@ Item {
                     objectName: "restoreNoticeText"
                     Layout.fillWidth: true
                     text: activity.notice
+                    textFormat: Text.PlainText
                     color: activity.noticeIsError ? Theme.red : Theme.primary
                     font.pixelSize: 12
                     wrapMode: Text.Wrap

@@ -5,6 +5,7 @@
 
 #include <QDirIterator>
 #include <QFile>
+#include <QRegularExpression>
 #include <QStandardPaths>
 
 #include <unistd.h>
@@ -135,6 +136,11 @@ int PairedCompanion::stop() {
     m_outputs << m_process->allOutput();
     m_process.reset();
     return status;
+}
+
+bool PairedCompanion::isAgentCallLine(const QString& line) {
+    static const QRegularExpression call(QStringLiteral("^\\d\\d:\\d\\d:\\d\\d  \\S"));
+    return call.match(line).hasMatch();
 }
 
 const QStringList& PairedCompanion::lines() const {

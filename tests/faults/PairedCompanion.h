@@ -48,6 +48,9 @@ public:
     bool isRunning() const { return m_process && m_process->isRunning(); }
 
     const QStringList& lines() const;
+    // Whether a line of --headless output reports an agent's call ("14:03:07  local_read_file
+    // ..."), rather than the connection's status or the reason for it.
+    static bool isAgentCallLine(const QString& line);
     // When line `index` arrived, on BridgeTap::now()'s clock.
     qint64 lineTime(qsizetype index) const;
     // Index of the first line equal to `line` at or after `from`, waiting up to `timeoutMs`.

@@ -237,6 +237,8 @@ class ConnectionFaultsTest : public QObject {
                 lines[i].startsWith(u"Reconnecting in ")) {
                 statuses << lines[i];
                 statusAt << i;
+            } else if (PairedCompanion::isAgentCallLine(lines[i])) {
+                continue; // the agents' calls, one line each
             } else {
                 reasons << lines[i];
             }

@@ -222,6 +222,33 @@ private slots:
         QVERIFY(time->property("text").toString().size() == 8);
     }
 
+    // What an agent chose is shown as text: markup stays markup, control and direction
+    // characters are shown rather than obeyed, and the agent is named even when it failed.
+    void agentsTextIsShownNotObeyed() {
+        ViewHarness harness;
+        AppState& state = startOnActivity(harness);
+        ActivityEntry failed =
+            entry(QStringLiteral("local_read_file"),
+                  QStringLiteral("Docs/<img src=\"http://127.0.0.1:9/x\">\u202Etxt.exe\x1b[2J"),
+                  ActivityEntry::Outcome::Failed);
+        failed.error = QStringLiteral("File not found: <b>x</b>\nnext");
+        failed.agent = QStringLiteral("Local agent: <i>Editor</i>");
+        state.activity().append(failed);
+        ViewHarness::settle();
+        QQuickItem* row = rows(harness).value(0);
+        QVERIFY(row);
+        QQuickItem* subject = ViewHarness::find(row, QStringLiteral("activitySubject"));
+        QCOMPARE(subject->property("text").toString(),
+                 QStringLiteral("Docs/<img src=\"http://127.0.0.1:9/x\">\u27e8U+202E\u27e9txt.exe"
+                                "\u241b[2J"));
+        QCOMPARE(subject->property("textFormat").toInt(), int(Qt::PlainText));
+        QQuickItem* detail = ViewHarness::find(row, QStringLiteral("activityDetail"));
+        QCOMPARE(detail->property("textFormat").toInt(), int(Qt::PlainText));
+        QCOMPARE(
+            detail->property("text").toString(),
+            QStringLiteral("File not found: <b>x</b>\u2424next \u00b7 Local agent: <i>Editor</i>"));
+    }
+
     void onlyKeptWritesOfferARestore() {
         ViewHarness harness;
         AppState& state = startOnActivity(harness);

@@ -206,6 +206,40 @@ QString addActivity(AppState& state, const QStringList& folders) {
     return written.versionId;
 }
 
+// Agents on this computer, through `quillmar-companion mcp`, beside the service's.
+void addLocalAgentActivity(AppState& state) {
+    const QDateTime now = QDateTime::currentDateTime();
+    const auto add = [&](int secondsAgo, const QString& agent, const QString& tool,
+                         const QString& subject) {
+        ActivityEntry entry;
+        entry.time = now.addSecs(-secondsAgo);
+        entry.agent = agent;
+        entry.tool = tool;
+        entry.subject = subject;
+        return entry;
+    };
+    const QString desktop = QStringLiteral("Local agent: Claude Desktop");
+    const QString editor = QStringLiteral("Local agent: Visual Studio Code");
+    ActivityEntry searched =
+        add(50, desktop, QStringLiteral("local_search_files"), QStringLiteral("*.md"));
+    searched.items = 7;
+    state.activity().append(searched);
+    ActivityEntry read = add(41, desktop, QStringLiteral("local_read_file"),
+                             QStringLiteral("Board Pack/Q3 summary.md"));
+    read.bytes = 2210;
+    state.activity().append(read);
+    ActivityEntry escaped = add(30, editor, QStringLiteral("local_read_file"),
+                                QStringLiteral("Board Pack/shortcut/.ssh/id_ed25519"));
+    escaped.outcome = ActivityEntry::Outcome::Failed;
+    escaped.error = QStringLiteral("Path leads outside the shared folders.");
+    state.activity().append(escaped);
+    ActivityEntry wrote = add(12, editor, QStringLiteral("local_write_file"),
+                              QStringLiteral("Board Pack/notes/action items.md"));
+    wrote.bytes = 913;
+    wrote.versionNote = QStringLiteral("new file");
+    state.activity().append(wrote);
+}
+
 } // namespace
 
 int main(int argc, char* argv[]) {
@@ -326,6 +360,8 @@ int main(int argc, char* argv[]) {
     state.restoreVersion(versionId);
     waitFor([&] { return state.activity().size() > 0 && state.activity().at(0).restored; });
     tour.shoot(QStringLiteral("18-activity-restored"));
+    addLocalAgentActivity(state);
+    tour.shoot(QStringLiteral("19-activity-local-agents"));
     QMetaObject::invokeMethod(homeView, "showHome", Q_ARG(QVariant, QVariant(false)));
 
     state.unpair();
