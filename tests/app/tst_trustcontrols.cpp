@@ -24,17 +24,6 @@ const QString companionBin = QStringLiteral(QUILLMAR_COMPANION_BIN);
 const QString connected = QStringLiteral("Connected to Quillmar");
 const QByteArray notes = "first line\nsecond line\n";
 
-QByteArray fileBytes(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
-
-void writeBytes(const QString& path, const QByteArray& bytes) {
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    QCOMPARE(file.write(bytes), bytes.size());
-}
-
 QByteArray pattern(qsizetype size) {
     QByteArray bytes(size, Qt::Uninitialized);
     for (qsizetype i = 0; i < size; ++i) {
@@ -192,7 +181,7 @@ private slots:
         QCOMPARE(write(QStringLiteral("Ref/sub/new.txt"),
                        {{QStringLiteral("content"), QStringLiteral("new")}}),
                  refusal);
-        QCOMPARE(fileBytes(tree.path(QStringLiteral("Ref/manual.txt"))),
+        QCOMPARE(TempTree::contents(tree.path(QStringLiteral("Ref/manual.txt"))),
                  QByteArray("do not change"));
         QVERIFY(!QFileInfo::exists(tree.path(QStringLiteral("Ref/sub"))));
         // Reading it is what it is shared for.
@@ -214,7 +203,7 @@ private slots:
         QTRY_COMPARE(write(QStringLiteral("Ref/made.txt"),
                            {{QStringLiteral("content"), QStringLiteral("again")}}),
                      refusal);
-        QCOMPARE(fileBytes(tree.path(QStringLiteral("Ref/made.txt"))), QByteArray("ok"));
+        QCOMPARE(TempTree::contents(tree.path(QStringLiteral("Ref/made.txt"))), QByteArray("ok"));
     }
 
     void everyCallShowsInTheActivity() {
@@ -264,7 +253,7 @@ private slots:
             write(QStringLiteral("Docs/notes.txt"),
                   {{QStringLiteral("content_base64"), QStringLiteral("not base64!")}});
         QCOMPARE(emptied.value(QStringLiteral("ok")), QJsonValue(true));
-        QCOMPARE(fileBytes(tree.path(QStringLiteral("Docs/notes.txt"))), QByteArray());
+        QCOMPARE(TempTree::contents(tree.path(QStringLiteral("Docs/notes.txt"))), QByteArray());
 
         const QString id =
             newestVersion(QStringLiteral("Docs/notes.txt"), QStringLiteral("23 bytes"));
@@ -274,7 +263,7 @@ private slots:
         QCOMPARE(r.exitCode, 0);
         QCOMPARE(r.out,
                  QByteArray("Restored Docs/notes.txt as it was before the agent's write.\n"));
-        QCOMPARE(fileBytes(tree.path(QStringLiteral("Docs/notes.txt"))), notes);
+        QCOMPARE(TempTree::contents(tree.path(QStringLiteral("Docs/notes.txt"))), notes);
         // The running companion was told: its activity says so.
         QTRY_VERIFY(activityLines().first().endsWith(QStringLiteral("(restored)")));
         // Used once.
@@ -300,7 +289,7 @@ private slots:
         QVERIFY(!id.isEmpty());
         const CommandRun r = companion({QStringLiteral("restore"), id});
         QCOMPARE(r.exitCode, 0);
-        QCOMPARE(fileBytes(tree.path(QStringLiteral("Docs/big.bin"))), pattern(10000));
+        QCOMPARE(TempTree::contents(tree.path(QStringLiteral("Docs/big.bin"))), pattern(10000));
         QVERIFY2(startHeadless(), qPrintable(headless->describe()));
     }
 
@@ -312,12 +301,13 @@ private slots:
         const QString id =
             newestVersion(QStringLiteral("Docs/notes.txt"), QStringLiteral("23 bytes"));
         QVERIFY(!id.isEmpty());
-        writeBytes(tree.path(QStringLiteral("Docs/notes.txt")), "my own edit");
+        QVERIFY(TempTree::overwrite(tree.path(QStringLiteral("Docs/notes.txt")), "my own edit"));
         const CommandRun r = companion({QStringLiteral("restore"), id});
         QCOMPARE(r.exitCode, 1);
         QCOMPARE(r.err, QByteArray("quillmar-companion: Docs/notes.txt has changed since the "
                                    "agent wrote it, so it was not restored.\n"));
-        QCOMPARE(fileBytes(tree.path(QStringLiteral("Docs/notes.txt"))), QByteArray("my own edit"));
+        QCOMPARE(TempTree::contents(tree.path(QStringLiteral("Docs/notes.txt"))),
+                 QByteArray("my own edit"));
     }
 
     void pauseClosesTheBridgeAndOutlastsARestart() {

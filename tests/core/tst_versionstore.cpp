@@ -18,14 +18,11 @@
 namespace {
 
 QByteArray contents(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+    return TempTree::contents(path);
 }
 
 void overwrite(const QString& path, const QByteArray& bytes) {
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    file.write(bytes);
+    QVERIFY(TempTree::overwrite(path, bytes));
 }
 
 // Keeps versions in `store`, as the companion does with what its worker reports.

@@ -74,3 +74,14 @@ void TempTree::setModified(const QString& relative, qint64 seconds, long nanosec
 void TempTree::chmod(const QString& relative, unsigned mode) const {
     ::chmod(QFile::encodeName(path(relative)).constData(), mode);
 }
+
+QByteArray TempTree::contents(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
+}
+
+bool TempTree::overwrite(const QString& path, const QByteArray& bytes) {
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) &&
+           file.write(bytes) == bytes.size();
+}

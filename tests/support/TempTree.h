@@ -23,6 +23,11 @@ public:
     void setModified(const QString& relative, qint64 seconds, long nanoseconds = 0) const;
     void chmod(const QString& relative, unsigned mode) const;
 
+    // What a file holds, or "<missing>" when it cannot be read (absolute paths).
+    static QByteArray contents(const QString& path);
+    // Replaces a file's bytes; false when it cannot be written.
+    static bool overwrite(const QString& path, const QByteArray& bytes);
+
 private:
     QTemporaryDir m_dir;
 };
