@@ -120,30 +120,50 @@ ssize_t readInto(int fd, std::string& buffer) {
 class Agent {
 public:
     Agent(quint16 port, const std::string& device)
-        : m_path("/api/v1/agent/devices/" + device + "/calls") {
-        m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const int one = 1;
-        if (m_fd < 0 || ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0 ||
-            ::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-            setupError("cannot connect to the dev service on port " + std::to_string(port));
-        }
+        : m_port(port), m_path("/api/v1/agent/devices/" + device + "/calls") {
+        connectNow();
     }
     ~Agent() { ::close(m_fd); }
     Agent(const Agent&) = delete;
     Agent& operator=(const Agent&) = delete;
 
-    // One call; the body of the answer. Any failure ends the run.
+    // One call; the body of the answer. Any failure ends the run, except that a connection the
+    // service closed while idle (it keeps them only so long) is opened again once.
     std::string call(const std::string& body) {
+        if (std::optional<std::string> answer = tryCall(body)) {
+            return *answer;
+        }
+        ::close(m_fd);
+        m_buffer.clear();
+        connectNow();
+        if (std::optional<std::string> answer = tryCall(body)) {
+            return *answer;
+        }
+        setupError("no answer from the dev service");
+    }
+
+private:
+    void connectNow() {
+        m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(m_port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const int one = 1;
+        if (m_fd < 0 || ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one) != 0 ||
+            ::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            setupError("cannot connect to the dev service on port " + std::to_string(m_port));
+        }
+    }
+
+    // Nothing when the connection was closed before any of the answer came.
+    std::optional<std::string> tryCall(const std::string& body) {
         const std::string request = "POST " + m_path +
                                     " HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: "
                                     "application/json\r\nContent-Length: " +
                                     std::to_string(body.size()) + "\r\n\r\n" + body;
         if (::send(m_fd, request.data(), request.size(), MSG_NOSIGNAL) != ssize_t(request.size())) {
-            setupError("the dev service closed the connection");
+            return std::nullopt;
         }
         const auto deadline = Clock::now() + std::chrono::milliseconds(answerTimeoutMs);
         std::size_t headEnd = std::string::npos;
@@ -173,13 +193,19 @@ public:
                 }
                 return answer;
             }
-            if (!waitReadable(m_fd, deadline) || readInto(m_fd, m_buffer) <= 0) {
+            if (!waitReadable(m_fd, deadline)) {
                 setupError("no answer from the dev service");
+            }
+            if (readInto(m_fd, m_buffer) <= 0) {
+                if (m_buffer.empty()) {
+                    return std::nullopt;
+                }
+                setupError("the dev service closed the connection in the middle of an answer");
             }
         }
     }
 
-private:
+    quint16 m_port;
     int m_fd = -1;
     std::string m_path;
     std::string m_buffer;

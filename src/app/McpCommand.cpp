@@ -3,6 +3,7 @@
 #include "ActivityLog.h"
 #include "AppState.h"
 #include "ApprovalPrompt.h"
+#include "CompanionLink.h"
 #include "FileService.h"
 #include "FolderStore.h"
 #include "McpServer.h"
@@ -61,12 +62,13 @@ void announceOwnCalls() {
 } // namespace
 
 // A call goes to the running companion when there is one, else runs here.
-QCoro::Task<ToolResult> McpCommand::runCall(QString method, QJsonObject params, QString agent) {
+QCoro::Task<ToolResult> McpCommand::runCall(CompanionLink& link, QString method, QJsonObject params,
+                                            QString agent) {
     const QJsonObject call{{QStringLiteral("agent"), agent},
                            {QStringLiteral("method"), method},
                            {QStringLiteral("params"), params}};
-    QCoro::Task<std::optional<QByteArray>> handing = SingleInstance::handOverCall(
-        SingleInstance::defaultDirectory(), QJsonDocument(call).toJson(QJsonDocument::Compact));
+    QCoro::Task<std::optional<QByteArray>> handing =
+        link.call(QJsonDocument(call).toJson(QJsonDocument::Compact));
     const std::optional<QByteArray> reply = co_await handing;
     if (reply) {
         if (reply->isEmpty()) {
@@ -100,7 +102,12 @@ int McpCommand::run(const QStringList& arguments, QTextStream&, QTextStream& err
     }
     AppState::setPairingUsed(false);
 
-    McpServer server(&McpCommand::runCall, QCoreApplication::applicationVersion());
+    CompanionLink link(SingleInstance::defaultDirectory());
+    McpServer server(
+        [&link](QString method, QJsonObject params, QString agent) {
+            return runCall(link, std::move(method), std::move(params), std::move(agent));
+        },
+        QCoreApplication::applicationVersion());
     bool clientGone = false;
     QObject::connect(&server, &McpServer::message, [&clientGone](const QByteArray& line) {
         if (!clientGone && !writeOut(line + '\n')) {

@@ -7,6 +7,8 @@
 #include <QStringList>
 #include <QTextStream>
 
+class CompanionLink;
+
 // `mcp`: a Model Context Protocol server on standard input and output for agents on this
 // computer, offering the four file tools over the same shared folders and under the same rules
 // as the service's agents. While a companion runs, each call is handed to it, so that its
@@ -17,5 +19,6 @@ public:
     static int run(const QStringList& arguments, QTextStream& out, QTextStream& err);
 
 private:
-    static QCoro::Task<ToolResult> runCall(QString method, QJsonObject params, QString agent);
+    static QCoro::Task<ToolResult> runCall(CompanionLink& link, QString method, QJsonObject params,
+                                           QString agent);
 };

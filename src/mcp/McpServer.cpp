@@ -1,5 +1,6 @@
 #include "McpServer.h"
 
+#include "CompactJson.h"
 #include "JsonReader.h"
 #include "McpTools.h"
 
@@ -13,6 +14,12 @@ namespace {
 
 QByteArray compact(const QJsonObject& object) {
     return QJsonDocument(object).toJson(QJsonDocument::Compact);
+}
+
+// One value as compact JSON text.
+QByteArray compactValue(const QJsonValue& value) {
+    const QByteArray array = QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact);
+    return array.mid(1, array.size() - 2);
 }
 
 bool validId(const QJsonValue& id) {
@@ -177,18 +184,33 @@ void McpServer::callTool(const QJsonValue& id, const QString& name, const QJsonO
 }
 
 void McpServer::answerCall(const QJsonValue& id, const ToolResult& result) {
+    if (result.isJson()) {
+        // A result that comes as JSON text is spliced in as it is: parsing it only to write it
+        // again would cost more than the call itself for a small read.
+        const QByteArray& json = result.json();
+        CompactJson out(json.size() * 2 + 200);
+        out.raw(R"({"id":)");
+        out.raw(compactValue(id));
+        out.raw(R"(,"jsonrpc":"2.0","result":{"content":[{"text":)");
+        out.string(QString::fromUtf8(json));
+        out.raw(R"(,"type":"text"}],"isError":false,"structuredContent":)");
+        out.raw(json);
+        out.raw("}}");
+        emit message(out.take());
+        finishCall();
+        return;
+    }
     const QJsonObject object = result.toObject();
     const QJsonValue error = object.value(QStringLiteral("error"));
     QJsonObject answer;
-    if (!result.isJson() && error.isString()) {
+    if (error.isString()) {
         answer =
             QJsonObject{{QStringLiteral("content"),
                          QJsonArray{QJsonObject{{QStringLiteral("type"), QStringLiteral("text")},
                                                 {QStringLiteral("text"), error.toString()}}}},
                         {QStringLiteral("isError"), true}};
     } else {
-        const QString text =
-            result.isJson() ? QString::fromUtf8(result.json()) : QString::fromUtf8(compact(object));
+        const QString text = QString::fromUtf8(compact(object));
         answer =
             QJsonObject{{QStringLiteral("content"),
                          QJsonArray{QJsonObject{{QStringLiteral("type"), QStringLiteral("text")},
@@ -197,6 +219,10 @@ void McpServer::answerCall(const QJsonValue& id, const ToolResult& result) {
                         {QStringLiteral("isError"), false}};
     }
     respond(id, answer);
+    finishCall();
+}
+
+void McpServer::finishCall() {
     if (--m_inFlight == 0) {
         emit idle();
     }

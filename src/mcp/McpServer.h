@@ -60,6 +60,7 @@ private:
     void request(const QJsonValue& id, const QString& method, const QJsonObject& params);
     void callTool(const QJsonValue& id, const QString& name, const QJsonObject& arguments);
     void answerCall(const QJsonValue& id, const ToolResult& result);
+    void finishCall();
 
     ToolRunner m_runner;
     QString m_version;

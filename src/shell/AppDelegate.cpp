@@ -12,6 +12,7 @@
 #include <QCursor>
 #include <QMenu>
 #include <QSystemTrayIcon>
+#include <QTimer>
 
 AppDelegate::AppDelegate(std::unique_ptr<WindowPresenter> onboarding, QObject* parent)
     : QObject(parent), m_onboarding(std::move(onboarding)),
@@ -51,10 +52,21 @@ void AppDelegate::applicationDidFinishLaunching() {
             self->rebuild();
         }
     };
-    // The agents' calls are not state changes, but the menu lists the latest of them.
+    // The agents' calls are not state changes, but the menu lists the latest of them. Calls can
+    // come hundreds a second: the menu follows them a few times a second at most, and never
+    // holds up the call's answer.
+    m_activityRebuild = new QTimer(this);
+    m_activityRebuild->setSingleShot(true);
+    m_activityRebuild->setInterval(200);
+    connect(m_activityRebuild, &QTimer::timeout, this, &AppDelegate::rebuild);
     ActivityLog& activity = AppState::shared().activity();
-    connect(&activity, &ActivityLog::appended, this, &AppDelegate::rebuild);
-    connect(&activity, &ActivityLog::entryChanged, this, &AppDelegate::rebuild);
+    const auto soon = [this] {
+        if (!m_activityRebuild->isActive()) {
+            m_activityRebuild->start();
+        }
+    };
+    connect(&activity, &ActivityLog::appended, this, soon);
+    connect(&activity, &ActivityLog::entryChanged, this, soon);
     rebuild();
 
     // On X11 Qt watches for a tray and docks the icon as soon as one appears, so it is shown

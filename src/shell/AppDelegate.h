@@ -15,6 +15,7 @@
 class MainMenuShortcuts;
 class QAction;
 class QMenu;
+class QTimer;
 class QSystemTrayIcon;
 
 // The desktop application's controller, alive for the whole process: it installs the main
@@ -73,6 +74,7 @@ private:
     std::unique_ptr<WindowPresenter> m_onboarding;
 
     QPointer<QMenu> m_menu;
+    QTimer* m_activityRebuild = nullptr;
     StatusMenuModel m_model;
     QList<MenuItem> m_mainMenuModel;
     std::unique_ptr<MainMenuShortcuts> m_mainMenu;

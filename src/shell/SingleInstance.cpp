@@ -3,7 +3,6 @@
 #include "AppIdentity.h"
 
 #include <QCoreApplication>
-#include <QCoroSignal>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFileInfo>
@@ -14,6 +13,7 @@
 #include <QPointer>
 #include <QStandardPaths>
 #include <QThread>
+#include <QtEndian>
 
 #include <cerrno>
 #include <csignal>
@@ -24,9 +24,8 @@ namespace {
 constexpr qint64 longestMessage = 64;
 // The running companion's answer, one JSON line (the activity is the longest).
 constexpr qint64 longestAnswer = 16 * 1024 * 1024;
-// A tool call handed over ("call LENGTH" and a line feed, then LENGTH bytes of JSON): as large
-// as the bridge takes a message.
-constexpr qint64 longestCall = 64 * 1024 * 1024;
+// A tool call handed over: as large as the bridge takes a message.
+constexpr quint32 longestCall = 64 * 1024 * 1024;
 
 // Sends one request line and reads the one-line answer: nothing when no companion took the
 // request or none answered in time, an empty answer when one closed without answering.
@@ -235,24 +234,12 @@ void SingleInstance::acceptConnections() {
                 return;
             }
             const QByteArray line = socket->readLine(longestMessage);
-            if (line.startsWith("call ")) {
-                bool ok = false;
-                const qint64 length = line.mid(5).trimmed().toLongLong(&ok);
-                if (!ok || length <= 0 || length > longestCall) {
-                    socket->abort();
-                    return;
-                }
-                // The call's bytes follow; what arrives from now on is the call's.
+            if (line == callStreamMessage()) {
+                // From now on the connection carries tool calls, framed, until it closes.
                 disconnect(socket, &QLocalSocket::readyRead, this, nullptr);
-                auto readCall = [this, socket, length] {
-                    if (socket->bytesAvailable() < length) {
-                        return;
-                    }
-                    disconnect(socket, &QLocalSocket::readyRead, this, nullptr);
-                    answerCall(socket, socket->read(length));
-                };
-                connect(socket, &QLocalSocket::readyRead, this, readCall);
-                readCall();
+                connect(socket, &QLocalSocket::readyRead, this,
+                        [this, socket] { readCalls(socket); });
+                readCalls(socket);
                 return;
             }
             socket->write(answer(line));
@@ -265,13 +252,40 @@ void SingleInstance::acceptConnections() {
     }
 }
 
-QCoro::Task<> SingleInstance::answerCall(QLocalSocket* socket, QByteArray call) {
+QByteArray SingleInstance::callStreamMessage() {
+    return QByteArrayLiteral("calls\n");
+}
+
+void SingleInstance::readCalls(QLocalSocket* socket) {
+    while (socket->bytesAvailable() >= callHeaderSize) {
+        const QByteArray header = socket->peek(callHeaderSize);
+        const quint32 length = qFromBigEndian<quint32>(header.constData());
+        if (length > longestCall) {
+            socket->abort();
+            return;
+        }
+        if (socket->bytesAvailable() < callHeaderSize + qint64(length)) {
+            return;
+        }
+        socket->skip(callHeaderSize);
+        const quint64 id = qFromBigEndian<quint64>(header.constData() + 4);
+        answerCall(socket, id, socket->read(length));
+    }
+}
+
+QByteArray SingleInstance::callFrame(quint64 id, QByteArrayView payload) {
+    QByteArray frame(callHeaderSize, Qt::Uninitialized);
+    qToBigEndian<quint32>(quint32(payload.size()), frame.data());
+    qToBigEndian<quint64>(id, frame.data() + 4);
+    frame.append(payload);
+    return frame;
+}
+
+QCoro::Task<> SingleInstance::answerCall(QLocalSocket* socket, quint64 id, QByteArray call) {
     const QPointer<QLocalSocket> caller(socket);
-    const auto send = [caller](const QByteArray& reply) {
+    const auto send = [caller, id](const QByteArray& reply) {
         if (caller && caller->state() == QLocalSocket::ConnectedState) {
-            caller->write(reply);
-            // Closes once everything is written.
-            caller->disconnectFromServer();
+            caller->write(callFrame(id, reply));
         }
     };
     const QJsonObject request = QJsonDocument::fromJson(call).object();
@@ -289,27 +303,4 @@ QCoro::Task<> SingleInstance::answerCall(QLocalSocket* socket, QByteArray call) 
         request, [caller] { return caller && caller->state() == QLocalSocket::ConnectedState; });
     const QByteArray reply = co_await handling;
     send(reply);
-}
-
-QCoro::Task<std::optional<QByteArray>> SingleInstance::handOverCall(QString directory,
-                                                                    QByteArray call) {
-    if (directory.isEmpty()) {
-        co_return std::nullopt;
-    }
-    QLocalSocket socket;
-    socket.connectToServer(SingleInstance(directory).socketPath());
-    if (!socket.waitForConnected(2000)) {
-        co_return std::nullopt;
-    }
-    socket.write("call " + QByteArray::number(call.size()) + '\n');
-    socket.write(call);
-    // The answer is everything until the companion closes the connection.
-    while (socket.state() == QLocalSocket::ConnectedState) {
-        auto closing = qCoro(&socket, &QLocalSocket::disconnected, std::chrono::seconds(30));
-        const auto closed = co_await closing;
-        if (!closed && socket.state() == QLocalSocket::ConnectedState && holder(directory) == 0) {
-            co_return QByteArray(); // gone without closing: nobody will answer
-        }
-    }
-    co_return socket.readAll();
 }

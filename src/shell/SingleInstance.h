@@ -66,8 +66,8 @@ public:
     // whenever it changes; answered without waiting).
     void setMode(const QString& mode) { m_mode = mode; }
     void setState(const QJsonObject& state) { m_state = state; }
-    // Runs a tool call that a local agent's process handed over (see handOverCall) and gives the
-    // answer to send back; `stillWanted` turns false once that process has gone.
+    // Runs a tool call that a local agent's process handed over and gives the answer to send
+    // back; `stillWanted` turns false once that process has gone.
     using CallHandler =
         std::function<QCoro::Task<QByteArray>(QJsonObject call, std::function<bool()> stillWanted)>;
     void setCallHandler(CallHandler handler) { m_callHandler = std::move(handler); }
@@ -84,12 +84,14 @@ public:
     ask(const QString& directory, const QByteArray& request,
         std::chrono::milliseconds timeout = std::chrono::seconds(2));
 
-    // Hands one tool call ({agent, method, params}) to the companion running for `directory`
-    // and waits for its answer: "0" and the result's JSON text, or "1" and an error text.
-    // Nothing when no companion takes it; empty when the companion went away before answering.
-    // Waits as long as the call takes (the user may be asked), but not for a companion that is
-    // gone.
-    static QCoro::Task<std::optional<QByteArray>> handOverCall(QString directory, QByteArray call);
+    // The line that turns a connection into a stream of tool calls handed over by a local
+    // agent's process (see CompanionLink): frames of a 4-byte big-endian length, an 8-byte id
+    // and the payload, each way. A call is JSON {agent, method, params}; its answer, under the
+    // same id, "0" and the result's JSON text, or "1" and an error text. Answers may come in
+    // any order.
+    static QByteArray callStreamMessage();
+    static constexpr qint64 callHeaderSize = 12;
+    static QByteArray callFrame(quint64 id, QByteArrayView payload);
 
     // The process that holds `directory`'s lock, when it still runs; 0 when none does. For when
     // ask() gets no answer: a companion may run and not answer (stopped, or hung).
@@ -119,7 +121,8 @@ private:
     Answer handOver(std::chrono::milliseconds timeout, Launch launch);
     void acceptConnections();
     QByteArray answer(const QByteArray& request);
-    QCoro::Task<> answerCall(QLocalSocket* socket, QByteArray call);
+    void readCalls(QLocalSocket* socket);
+    QCoro::Task<> answerCall(QLocalSocket* socket, quint64 id, QByteArray call);
 
     QString m_directory;
     QString m_mode = QStringLiteral("desktop");

@@ -392,16 +392,18 @@ private slots:
         entry.bytes = 5;
         entry.versionId = QStringLiteral("1");
         AppState::shared().activity().append(entry);
-        recent = actionTitled(&menu(), QStringLiteral("Recent Activity"));
         const QString line = entry.time.toString(QStringLiteral("HH:mm:ss")) +
                              QStringLiteral("  Wrote  Shared/notes.txt  wrote 5 bytes");
-        QCOMPARE(shownTitles(recent->menu()), QStringList{line});
+        // Shortly after, not while the call is answered.
+        QTRY_COMPARE(shownTitles(actionTitled(&menu(), QStringLiteral("Recent Activity"))->menu()),
+                     QStringList{line});
+        recent = actionTitled(&menu(), QStringLiteral("Recent Activity"));
         QVERIFY(!recent->menu()->actions().front()->isEnabled());
 
         // The write undone: the line says so.
         AppState::shared().activity().markRestored(QStringLiteral("1"));
-        recent = actionTitled(&menu(), QStringLiteral("Recent Activity"));
-        QCOMPARE(shownTitles(recent->menu()), QStringList{line + QStringLiteral(" (restored)")});
+        QTRY_COMPARE(shownTitles(actionTitled(&menu(), QStringLiteral("Recent Activity"))->menu()),
+                     QStringList{line + QStringLiteral(" (restored)")});
     }
 
     void unpairFallsBackToTheSetUpMenuAndOpensTheWindow() {
