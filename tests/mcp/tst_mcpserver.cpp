@@ -6,7 +6,7 @@
 #include "McpServer.h"
 #include "ToolResult.h"
 
-#include <QCoroSignal>
+#include <QCoroTimer>
 #include <QCoroTask>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -66,7 +66,9 @@ class McpServerTest : public QObject {
             QTimer timer;
             timer.setSingleShot(true);
             timer.start(m_delayMs);
-            co_await qCoro(&timer, &QTimer::timeout);
+            // Awaited as a timer: qCoro() on timeout() would pass its private-signal argument
+            // on as a reference to nothing.
+            co_await timer;
         }
         co_return answer;
     }
