@@ -58,13 +58,18 @@ QByteArray AutostartCommand::entryContents(const QString& executable) {
         .toUtf8();
 }
 
-int AutostartCommand::run(const QStringList& arguments, QTextStream& out, QTextStream& err) {
-    if (arguments.size() != 1 || (arguments[0] != u"on" && arguments[0] != u"off")) {
-        err << "usage: quillmar-companion autostart on|off\n" << Qt::flush;
-        return 2;
-    }
+AutostartCommand::AutostartCommand()
+    : Command(QStringLiteral("autostart"),
+              QStringLiteral("start the companion when you log in, or not")) {
+    addChoiceArgument(QStringLiteral("SETTING"),
+                      QStringLiteral("on writes an XDG autostart entry, off removes it"),
+                      {QStringLiteral("on"), QStringLiteral("off")});
+}
+
+int AutostartCommand::execute(const QCommandLineParser& parser, QTextStream& out,
+                              QTextStream& err) const {
     const QString path = entryPath();
-    if (arguments[0] == u"off") {
+    if (parser.positionalArguments().front() == u"off") {
         if (QFileInfo::exists(path) && !QFile::remove(path)) {
             err << "quillmar-companion: could not remove " << path << "\n" << Qt::flush;
             return 1;

@@ -1,14 +1,17 @@
 #pragma once
 
-#include <QStringList>
-#include <QTextStream>
+#include "Command.h"
 
 // `quillmar-companion autostart on|off`: writes or removes the XDG autostart entry of the
 // current user, so the companion starts at login like other tray companions.
-class AutostartCommand {
+class AutostartCommand : public Command {
 public:
-    static int run(const QStringList& arguments, QTextStream& out, QTextStream& err);
+    AutostartCommand();
     // $XDG_CONFIG_HOME/autostart/app.quillmar.companion.desktop
     static QString entryPath();
     static QByteArray entryContents(const QString& executable);
+
+protected:
+    int execute(const QCommandLineParser& parser, QTextStream& out,
+                QTextStream& err) const override;
 };

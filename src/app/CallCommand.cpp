@@ -21,89 +21,82 @@
 
 namespace {
 
-int usageError(QTextStream& err, const QString& message) {
-    err << "quillmar-companion call: " << message << "\n" << Qt::flush;
-    return 2;
+QCommandLineOption folderOption() {
+    return QCommandLineOption(QStringLiteral("folder"),
+                              QStringLiteral("share this folder for the call instead of the "
+                                             "saved ones; a relative PATH is taken from the "
+                                             "current folder"),
+                              QStringLiteral("NAME=PATH"));
+}
+
+QCommandLineOption readOnlyFolderOption() {
+    return QCommandLineOption(QStringLiteral("read-only-folder"),
+                              QStringLiteral("the same, for a folder agents may only read"),
+                              QStringLiteral("NAME=PATH"));
+}
+
+QCommandLineOption yesOption() {
+    return QCommandLineOption(QStringLiteral("yes"), QStringLiteral("write without asking"));
 }
 
 } // namespace
 
-QString CallCommand::usage() {
-    return QStringLiteral(
-        "usage: quillmar-companion call METHOD [PARAMS_JSON] [--folder NAME=PATH]...\n"
-        "       [--read-only-folder NAME=PATH]... [--yes]");
+CallCommand::CallCommand()
+    : Command(QStringLiteral("call"),
+              QStringLiteral("run one tool call as an agent would; prints the result")) {
+    addArgument(QStringLiteral("METHOD"),
+                QStringLiteral("local_list_files, local_read_file, local_search_files or "
+                               "local_write_file"));
+    addOptionalArgument(QStringLiteral("PARAMS_JSON"),
+                        QStringLiteral("the call's parameters, a JSON object (default {})"));
+    addOption(folderOption(), true);
+    addOption(readOnlyFolderOption(), true);
+    addOption(yesOption());
 }
 
-int CallCommand::run(const QStringList& arguments, QTextStream& out, QTextStream& err) {
-    QString method;
-    bool haveMethod = false;
-    bool haveParams = false;
+int CallCommand::execute(const QCommandLineParser& parser, QTextStream& out,
+                         QTextStream& err) const {
+    const QStringList positional = parser.positionalArguments();
+    const QString method = positional.at(0);
     QJsonObject params;
+    if (positional.size() > 1) {
+        QJsonParseError parseError;
+        const QJsonDocument document = JsonReader::parse(positional.at(1), &parseError);
+        if (parseError.error != QJsonParseError::NoError) {
+            return badUsage(err, QStringLiteral("PARAMS_JSON is not valid JSON (%1 at offset %2)")
+                                     .arg(parseError.errorString())
+                                     .arg(parseError.offset));
+        }
+        if (!document.isObject()) {
+            return badUsage(err, QStringLiteral("PARAMS_JSON must be a JSON object"));
+        }
+        params = document.object();
+    }
+
+    // In the order given, --folder and --read-only-folder alike.
+    const QStringList folderValues = parser.values(folderOption());
+    const QStringList readOnlyValues = parser.values(readOnlyFolderOption());
+    qsizetype nextFolder = 0;
+    qsizetype nextReadOnly = 0;
     QList<SharedFolder> folders;
     bool foldersGiven = false;
-    bool assumeYes = false;
-
-    for (qsizetype i = 0; i < arguments.size(); ++i) {
-        const QString& argument = arguments[i];
-        QString folderSpec;
-        bool readOnly = false;
-        if (argument == u"--yes") {
-            assumeYes = true;
+    for (const QString& option : parser.optionNames()) {
+        const bool readOnly = option == u"read-only-folder";
+        if (!readOnly && option != u"folder") {
             continue;
         }
-        if (argument == u"--folder") {
-            if (i + 1 >= arguments.size()) {
-                return usageError(err, QStringLiteral("--folder needs NAME=PATH"));
-            }
-            folderSpec = arguments[++i];
-        } else if (argument.startsWith(QStringLiteral("--folder="))) {
-            folderSpec = argument.mid(9);
-        } else if (argument == u"--read-only-folder") {
-            if (i + 1 >= arguments.size()) {
-                return usageError(err, QStringLiteral("--read-only-folder needs NAME=PATH"));
-            }
-            folderSpec = arguments[++i];
-            readOnly = true;
-        } else if (argument.startsWith(QStringLiteral("--read-only-folder="))) {
-            folderSpec = argument.mid(19);
-            readOnly = true;
-        } else if (argument.startsWith(u'-') && argument.size() > 1 && haveMethod) {
-            return usageError(err, QStringLiteral("unknown option %1").arg(argument));
-        } else if (!haveMethod) {
-            method = argument;
-            haveMethod = true;
-            continue;
-        } else if (!haveParams) {
-            QJsonParseError parseError;
-            const QJsonDocument document = JsonReader::parse(argument, &parseError);
-            if (parseError.error != QJsonParseError::NoError) {
-                return usageError(err,
-                                  QStringLiteral("PARAMS_JSON is not valid JSON (%1 at offset %2)")
-                                      .arg(parseError.errorString())
-                                      .arg(parseError.offset));
-            }
-            if (!document.isObject()) {
-                return usageError(err, QStringLiteral("PARAMS_JSON must be a JSON object"));
-            }
-            params = document.object();
-            haveParams = true;
-            continue;
-        } else {
-            return usageError(err, QStringLiteral("unexpected argument %1").arg(argument));
-        }
-
+        const QString& spec =
+            readOnly ? readOnlyValues.at(nextReadOnly++) : folderValues.at(nextFolder++);
         QString folderError;
-        std::optional<SharedFolder> folder = FolderArguments::parse(folderSpec, folderError);
+        std::optional<SharedFolder> folder = FolderArguments::parse(spec, folderError);
         if (!folder) {
-            return usageError(err, folderError);
+            return badUsage(err, folderError);
         }
         folder->readOnly = readOnly;
         folders.append(*folder);
         foldersGiven = true;
     }
-    if (!haveMethod) {
-        return usageError(err, QStringLiteral("METHOD is missing\n") + usage());
-    }
+    const bool assumeYes = parser.isSet(yesOption());
     if (!foldersGiven) {
         folders = FolderStore::activate(FolderStore::load());
     }

@@ -1,13 +1,14 @@
 #pragma once
 
-#include <QStringList>
-#include <QTextStream>
+#include "Command.h"
 
-// `quillmar-companion call METHOD [PARAMS_JSON] [--folder NAME=PATH]...`: one tool call, its
-// result printed as one line of compact JSON. Exit status 0 for a result, 1 for an error
-// result, 2 for bad usage.
-class CallCommand {
+// `call METHOD [PARAMS_JSON] [--folder NAME=PATH]...`: one tool call, its result printed as one
+// line of compact JSON. Exit status 0 for a result, 1 for an error result, 2 for bad usage.
+class CallCommand : public Command {
 public:
-    static int run(const QStringList& arguments, QTextStream& out, QTextStream& err);
-    static QString usage();
+    CallCommand();
+
+protected:
+    int execute(const QCommandLineParser& parser, QTextStream& out,
+                QTextStream& err) const override;
 };

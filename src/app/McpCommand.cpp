@@ -87,11 +87,12 @@ QCoro::Task<ToolResult> McpCommand::runCall(CompanionLink& link, QString method,
     co_return result;
 }
 
-int McpCommand::run(const QStringList& arguments, QTextStream&, QTextStream& err) {
-    if (!arguments.isEmpty()) {
-        err << "usage: quillmar-companion mcp\n" << Qt::flush;
-        return 2;
-    }
+McpCommand::McpCommand()
+    : Command(QStringLiteral("mcp"),
+              QStringLiteral("serve the shared folders to agents on this computer (Model Context "
+                             "Protocol on standard input and output)")) {}
+
+int McpCommand::execute(const QCommandLineParser&, QTextStream&, QTextStream& err) const {
     // A client that goes away makes writes fail, not the process.
     std::signal(SIGPIPE, SIG_IGN);
     // Standard input and output carry the protocol: the question before a write, when this

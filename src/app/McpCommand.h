@@ -1,11 +1,10 @@
 #pragma once
 
+#include "Command.h"
 #include "ToolResult.h"
 
 #include <QCoroTask>
 #include <QJsonObject>
-#include <QStringList>
-#include <QTextStream>
 
 class CompanionLink;
 
@@ -14,9 +13,13 @@ class CompanionLink;
 // as the service's agents. While a companion runs, each call is handed to it, so that its
 // approval alert, its activity and its pause apply; otherwise this process runs the call in a
 // confined worker of its own, asking on the terminal (if it has one) before a write.
-class McpCommand {
+class McpCommand : public Command {
 public:
-    static int run(const QStringList& arguments, QTextStream& out, QTextStream& err);
+    McpCommand();
+
+protected:
+    int execute(const QCommandLineParser& parser, QTextStream& out,
+                QTextStream& err) const override;
 
 private:
     static QCoro::Task<ToolResult> runCall(CompanionLink& link, QString method, QJsonObject params,

@@ -75,12 +75,29 @@ private slots:
         QCOMPARE(r.exitCode, 0);
         QCOMPARE(r.err, QByteArray());
         const QString help = QString::fromUtf8(r.out);
-        for (const char* mention :
-             {"pair CODE", "unpair", "status", "folders", "folders add PATH", "folders remove NAME",
-              "folders access NAME read-only|read-write", "--read-only", "approval on|off", "pause",
-              "resume", "activity", "history", "restore ID", "autostart on|off", "call METHOD",
-              "--folder NAME=PATH", "--read-only-folder NAME=PATH", "--yes",
-              "--headless", "--help", "--version", "QUILLMAR_API"}) {
+        for (const char* mention : {"pair CODE",
+                                    "unpair",
+                                    "status",
+                                    "folders",
+                                    "folders add PATH",
+                                    "folders remove NAME",
+                                    "folders access NAME read-only|read-write",
+                                    "--read-only",
+                                    "approval on|off",
+                                    "pause",
+                                    "resume",
+                                    "activity",
+                                    "history",
+                                    "restore ID",
+                                    "autostart on|off",
+                                    "call METHOD",
+                                    "--folder NAME=PATH",
+                                    "--read-only-folder NAME=PATH",
+                                    "--yes",
+                                    "--headless",
+                                    "--help",
+                                    "--version",
+                                    "QUILLMAR_API"}) {
             QVERIFY2(help.contains(QString::fromUtf8(mention)), mention);
         }
     }
@@ -147,6 +164,84 @@ private slots:
         QCOMPARE(companion({QStringLiteral("folders")}).out, QByteArray());
     }
 
+    void usageErrorsSayWhatWasWrong_data() {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("missing argument")
+            << args({"pair"})
+            << QStringLiteral("quillmar-companion pair: CODE is missing. See quillmar-companion "
+                              "pair --help.\n");
+        QTest::newRow("extra argument")
+            << args({"restore", "a", "b"})
+            << QStringLiteral("quillmar-companion restore: unexpected argument 'b'. See "
+                              "quillmar-companion restore --help.\n");
+        QTest::newRow("not a choice")
+            << args({"folders", "access", "Docs", "writable"})
+            << QStringLiteral("quillmar-companion folders access: expected "
+                              "read-only|read-write, got 'writable'. See quillmar-companion "
+                              "folders access --help.\n");
+        QTest::newRow("unknown action")
+            << args({"folders", "share", "/tmp"})
+            << QStringLiteral("quillmar-companion folders: unknown action 'share' (add, remove, "
+                              "access). See quillmar-companion folders --help.\n");
+        QTest::newRow("option of another command")
+            << args({"folders", "remove", "Docs", "--read-only"})
+            << QStringLiteral("quillmar-companion folders remove: unknown option '--read-only'. "
+                              "See quillmar-companion folders remove --help.\n");
+        QTest::newRow("option without its value")
+            << args({"call", "local_list_files", "--read-only-folder"})
+            << QStringLiteral("quillmar-companion call: missing value after "
+                              "'--read-only-folder'. See quillmar-companion call --help.\n");
+        QTest::newRow("help for an unknown command")
+            << args({"help", "frobnicate"})
+            << QStringLiteral("quillmar-companion: no help for 'frobnicate'. See "
+                              "quillmar-companion --help.\n");
+    }
+    void usageErrorsSayWhatWasWrong() {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, message);
+        const CommandRun r = companion(arguments);
+        QCOMPARE(r.exitCode, 2);
+        QCOMPARE(r.out, QByteArray());
+        QCOMPARE(QString::fromUtf8(r.err), message);
+    }
+
+    void commandHelpShowsItsOwnUsage_data() {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("usage");
+        QTest::addColumn<QString>("mention");
+        QTest::newRow("pair --help")
+            << args({"pair", "--help"}) << QStringLiteral("pair CODE\n") << QStringLiteral("CODE");
+        QTest::newRow("folders add -h")
+            << args({"folders", "add", "-h"}) << QStringLiteral("folders add PATH [--read-only]\n")
+            << QStringLiteral("--read-only");
+        QTest::newRow("help approval")
+            << args({"help", "approval"}) << QStringLiteral("approval on|off\n")
+            << QStringLiteral("on|off");
+        QTest::newRow("folders --help")
+            << args({"folders", "--help"}) << QStringLiteral("folders\n")
+            << QStringLiteral("quillmar-companion folders access NAME read-only|read-write\n");
+        QTest::newRow("after the call's arguments")
+            << args({"call", "local_list_files", "{}", "--help"})
+            << QStringLiteral("call METHOD [PARAMS_JSON] [--folder NAME=PATH]...\n")
+            << QStringLiteral("--read-only-folder NAME=PATH");
+    }
+    void commandHelpShowsItsOwnUsage() {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, usage);
+        QFETCH(QString, mention);
+        const CommandRun r = companion(arguments);
+        QCOMPARE(r.exitCode, 0);
+        QCOMPARE(r.err, QByteArray());
+        const QString help = QString::fromUtf8(r.out);
+        QVERIFY2(help.startsWith(QStringLiteral("Usage: quillmar-companion ") + usage),
+                 qPrintable(help));
+        QVERIFY2(help.contains(mention), qPrintable(help));
+        QVERIFY2(help.contains(QStringLiteral("-h, --help")), qPrintable(help));
+        // The command's help, not the overview.
+        QVERIFY2(!help.contains(QStringLiteral("QUILLMAR_API")), qPrintable(help));
+    }
+
     void callWithoutMethodIsBadUsage() {
         const CommandRun r = companion({QStringLiteral("call")});
         QCOMPARE(r.exitCode, 2);
@@ -188,9 +283,10 @@ private slots:
 
         r = companion({QStringLiteral("folders")});
         QCOMPARE(r.exitCode, 0);
-        QCOMPARE(QString::fromUtf8(r.out),
-                 QStringLiteral("Docs\t%1\tread-write\nDocs 2\t%2\tread-write\nDocs 3\t%1\tread-write\n")
-                     .arg(docs, otherDocs));
+        QCOMPARE(
+            QString::fromUtf8(r.out),
+            QStringLiteral("Docs\t%1\tread-write\nDocs 2\t%2\tread-write\nDocs 3\t%1\tread-write\n")
+                .arg(docs, otherDocs));
 
         r = companion(args({"folders", "remove", "Docs 2"}));
         QCOMPARE(r.exitCode, 0);
@@ -201,7 +297,8 @@ private slots:
         QCOMPARE(r.err, QByteArray("quillmar-companion: No shared folder named 'Unknown'.\n"));
 
         r = companion({QStringLiteral("folders")});
-        QCOMPARE(QString::fromUtf8(r.out), QStringLiteral("Docs\t%1\tread-write\nDocs 3\t%1\tread-write\n").arg(docs));
+        QCOMPARE(QString::fromUtf8(r.out),
+                 QStringLiteral("Docs\t%1\tread-write\nDocs 3\t%1\tread-write\n").arg(docs));
     }
 
     void statusShowsPairingApiApprovalAndFolders() {
