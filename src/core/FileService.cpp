@@ -1,14 +1,13 @@
 #include "FileService.h"
 
 #include "AppIdentity.h"
+#include "CompanionError.h"
 #include "FileReader.h"
 #include "FileSearcher.h"
-#include "FileSystemError.h"
 #include "FileWriter.h"
 #include "FolderLister.h"
 #include "JsonParams.h"
 #include "PathResolver.h"
-#include "ToolError.h"
 
 #include <exception>
 #include <new>
@@ -20,10 +19,8 @@ namespace {
 QJsonObject describeFailure(const std::exception_ptr& failure) {
     try {
         std::rethrow_exception(failure);
-    } catch (const ToolError& error) {
+    } catch (const CompanionError& error) {
         return FileService::errorObject(error.message());
-    } catch (const FileSystemError& error) {
-        return FileService::errorObject(error.description());
     } catch (const std::bad_alloc&) {
         return FileService::errorObject(QStringLiteral("Not enough memory to complete the call."));
     } catch (const std::exception& error) {

@@ -9,8 +9,7 @@ FileSystemError::FileSystemError(int errorNumber, const QString& action, const Q
 
 FileSystemError::FileSystemError(const QString& reason, const QString& action,
                                  const QString& agentPath)
-    : m_description(QStringLiteral("Could not %1 '%2': %3.").arg(action, agentPath, reason)),
-      m_utf8(m_description.toUtf8()) {}
+    : CompanionError(QStringLiteral("Could not %1 '%2': %3.").arg(action, agentPath, reason)) {}
 
 QString FileSystemError::reasonFor(int errorNumber) {
     // strerror_r's GNU form returns a pointer that may or may not be the buffer.

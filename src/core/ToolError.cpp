@@ -1,3 +1,3 @@
 #include "ToolError.h"
 
-ToolError::ToolError(QString message) : m_message(std::move(message)), m_utf8(m_message.toUtf8()) {}
+ToolError::ToolError(QString message) : CompanionError(std::move(message)) {}

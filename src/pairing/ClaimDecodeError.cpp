@@ -1,4 +1,3 @@
 #include "ClaimDecodeError.h"
 
-ClaimDecodeError::ClaimDecodeError(QString description)
-    : m_description(std::move(description)), m_utf8(m_description.toUtf8()) {}
+ClaimDecodeError::ClaimDecodeError(QString message) : CompanionError(std::move(message)) {}

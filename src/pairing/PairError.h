@@ -1,12 +1,9 @@
 #pragma once
 
-#include <QByteArray>
-#include <QString>
-
-#include <exception>
+#include "CompanionError.h"
 
 // Why a pairing claim failed, with the text the user sees as it stands.
-class PairError : public std::exception {
+class PairError : public CompanionError {
 public:
     enum class Kind { Network, InvalidCode };
 
@@ -14,16 +11,9 @@ public:
     static PairError invalidCode();
 
     Kind kind() const { return m_kind; }
-    // The network case's message; empty for an invalid code.
-    const QString& message() const { return m_message; }
-    // The finished user-facing text.
-    QString description() const;
-    const char* what() const noexcept override { return m_utf8.constData(); }
 
 private:
     PairError(Kind kind, QString message);
 
     Kind m_kind;
-    QString m_message;
-    QByteArray m_utf8;
 };

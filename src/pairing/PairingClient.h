@@ -17,7 +17,7 @@ class PairingClient {
 public:
     static constexpr std::chrono::seconds requestTimeout{60};
 
-    // Throws PairError (its description is the text to show), or ClaimDecodeError when the
+    // Throws PairError (its message is the text to show), or ClaimDecodeError when the
     // service answered 200 with a body that is not a claim response. Every error's what() is
     // its user-facing text in UTF-8, so a caller may simply catch std::exception.
     // `timeout` bounds each wait for the server; callers keep the default.

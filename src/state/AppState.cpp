@@ -6,14 +6,13 @@
 #include "AppSettings.h"
 #include "ApprovalPrompt.h"
 #include "BridgeClient.h"
-#include "ClaimDecodeError.h"
+#include "CompanionError.h"
 #include "Confinement.h"
 #include "DeviceName.h"
 #include "FileService.h"
 #include "FileWorker.h"
 #include "FolderStore.h"
 #include "Keychain.h"
-#include "PairError.h"
 #include "PairingClient.h"
 #include "Platform.h"
 #include "WriteApproval.h"
@@ -39,11 +38,8 @@ QCoro::Task<bool> refuse() {
 }
 
 QString describeFailure(const std::exception& error) {
-    if (const auto* pairError = dynamic_cast<const PairError*>(&error)) {
-        return pairError->description();
-    }
-    if (const auto* decodeError = dynamic_cast<const ClaimDecodeError*>(&error)) {
-        return decodeError->description();
+    if (const auto* companionError = dynamic_cast<const CompanionError*>(&error)) {
+        return companionError->message();
     }
     return QString::fromUtf8(error.what());
 }

@@ -50,10 +50,10 @@ std::shared_ptr<Outcome> claim(const QString& base, const QString& code = QStrin
 
 QString descriptionOf(const Outcome& outcome) {
     if (outcome.pairError) {
-        return outcome.pairError->description();
+        return outcome.pairError->message();
     }
     if (outcome.decodeError) {
-        return outcome.decodeError->description();
+        return outcome.decodeError->message();
     }
     return QString();
 }
@@ -126,10 +126,10 @@ private slots:
                  QByteArray("{\"code\":\"\",\"device_name\":\"Test Box\",\"platform\":\"linux\"}"));
         QVERIFY(outcome->pairError);
         QCOMPARE(outcome->pairError->kind(), PairError::Kind::InvalidCode);
-        QCOMPARE(outcome->pairError->description(),
+        QCOMPARE(outcome->pairError->message(),
                  QStringLiteral(
                      "That code is invalid or expired. Generate a fresh one in the web app."));
-        QCOMPARE(QString::fromUtf8(outcome->pairError->what()), outcome->pairError->description());
+        QCOMPARE(QString::fromUtf8(outcome->pairError->what()), outcome->pairError->message());
     }
 
     void baseEndingInSlashGivesDoubleSlash() {
@@ -172,8 +172,7 @@ private slots:
         QVERIFY(outcome->finished);
         QVERIFY(outcome->pairError);
         QCOMPARE(outcome->pairError->kind(), PairError::Kind::Network);
-        QCOMPARE(outcome->pairError->description(),
-                 QStringLiteral("Server returned %1.").arg(status));
+        QCOMPARE(outcome->pairError->message(), QStringLiteral("Server returned %1.").arg(status));
         QCOMPARE(server.requests().size(), 1); // no retry
     }
 
@@ -214,7 +213,7 @@ private slots:
         QVERIFY(!outcome->pairError);
         QVERIFY(!outcome->response);
         QVERIFY(outcome->decodeError);
-        const QString text = outcome->decodeError->description();
+        const QString text = outcome->decodeError->message();
         QVERIFY2(text.startsWith(QStringLiteral("The server's answer could not be read: ")),
                  qPrintable(text));
         QVERIFY2(text.contains(mentions), qPrintable(text));
@@ -233,7 +232,7 @@ private slots:
         QVERIFY(outcome->finished);
         QVERIFY(outcome->pairError);
         QCOMPARE(outcome->pairError->kind(), PairError::Kind::Network);
-        const QString text = outcome->pairError->description();
+        const QString text = outcome->pairError->message();
         QVERIFY2(text.contains(QStringLiteral("refused"), Qt::CaseInsensitive), qPrintable(text));
         QVERIFY(!text.startsWith(QStringLiteral("Server returned")));
     }
@@ -248,7 +247,7 @@ private slots:
                   QStringLiteral("x"), QStringLiteral("n"), std::chrono::milliseconds(300));
         QVERIFY(outcome->finished);
         QVERIFY(outcome->pairError);
-        QCOMPARE(outcome->pairError->description(), QStringLiteral("The request timed out."));
+        QCOMPARE(outcome->pairError->message(), QStringLiteral("The request timed out."));
         QVERIFY(clock.elapsed() < 5000);
     }
 
@@ -269,7 +268,7 @@ private slots:
         QVERIFY(outcome->finished);
         QVERIFY(outcome->pairError);
         QCOMPARE(outcome->pairError->kind(), PairError::Kind::Network);
-        QCOMPARE(outcome->pairError->description(), QStringLiteral("Bad API URL."));
+        QCOMPARE(outcome->pairError->message(), QStringLiteral("Bad API URL."));
     }
 };
 
