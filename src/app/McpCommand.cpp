@@ -12,6 +12,7 @@
 
 #include <QCoreApplication>
 #include <QJsonDocument>
+#include <QLoggingCategory>
 #include <QSocketNotifier>
 
 #include <cerrno>
@@ -20,6 +21,8 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
+
+Q_LOGGING_CATEGORY(lcMcpCommand, "quillmar.mcp", QtWarningMsg)
 
 namespace {
 
@@ -55,7 +58,9 @@ void announceOwnCalls() {
     QObject::connect(&AppState::shared().activity(), &ActivityLog::appended, [] {
         const QByteArray line =
             "quillmar-companion: " + AppState::shared().activity().at(0).line().toUtf8() + '\n';
-        (void)!::write(STDERR_FILENO, line.constData(), std::size_t(line.size()));
+        if (::write(STDERR_FILENO, line.constData(), std::size_t(line.size())) != line.size()) {
+            qCDebug(lcMcpCommand) << "a call's line did not reach standard error";
+        }
     });
 }
 

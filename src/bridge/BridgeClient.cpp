@@ -266,6 +266,7 @@ QCoro::Task<> BridgeClient::receive() {
             co_await handle(std::move(frame.text));
         } catch (...) {
             // A misbehaving dispatcher must not wedge the loop; the call goes unanswered.
+            qCWarning(lcBridge) << "a frame's handling failed; it goes unanswered";
         }
         if (!self) {
             co_return;
@@ -278,11 +279,13 @@ QCoro::Task<> BridgeClient::handle(QByteArray text) {
     QJsonParseError parseError;
     const QJsonDocument document = JsonReader::parse(text, &parseError);
     if (parseError.error != QJsonParseError::NoError || !document.isObject()) {
+        qCDebug(lcBridge) << "frame ignored, not a JSON object:" << parseError.errorString();
         co_return;
     }
     const QJsonObject frame = document.object();
     const QJsonValue type = frame.value(QStringLiteral("type"));
     if (frame.isEmpty() || !type.isString()) {
+        qCDebug(lcBridge) << "frame ignored, no type";
         co_return;
     }
     const QString name = type.toString();
@@ -357,6 +360,7 @@ void BridgeClient::send(const QJsonObject& frame) {
 
 void BridgeClient::sendText(const QByteArray& utf8) {
     if (!m_task || !m_open) {
+        qCDebug(lcBridge) << "frame not sent, no open connection";
         return;
     }
     m_task->sendText(utf8);

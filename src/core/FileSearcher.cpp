@@ -6,6 +6,7 @@
 #include "ToolError.h"
 
 #include <QJsonArray>
+#include <QLoggingCategory>
 
 #include <cstring>
 #include <string>
@@ -19,6 +20,8 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+Q_LOGGING_CATEGORY(lcTools, "quillmar.tools", QtWarningMsg)
 
 namespace {
 
@@ -183,7 +186,8 @@ int openWithoutLinks(const std::string& path, const AccessPolicy& policy) {
         if (plain >= 0) {
             policy.confirm(plain);
         }
-    } catch (const ToolError&) {
+    } catch (const ToolError& error) {
+        qCDebug(lcTools) << "folder skipped:" << error.message();
         ::close(plain);
         return -1;
     }

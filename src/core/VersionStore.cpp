@@ -125,7 +125,11 @@ QString VersionStore::bytesPath(const QString& id) const {
 bool VersionStore::ensureDirectory(QString& problem) const {
     if (QDir().mkpath(m_directory)) {
         // Only the user may look inside: these are copies of their files.
-        ::chmod(nativeName(m_directory).constData(), 0700);
+        if (::chmod(nativeName(m_directory).constData(), 0700) != 0) {
+            const int error = errno;
+            qCWarning(lcVersions) << "could not make" << m_directory
+                                  << "private:" << systemError(error);
+        }
         return true;
     }
     problem = QStringLiteral("the folder %1 could not be made").arg(m_directory);
@@ -176,8 +180,12 @@ bool VersionStore::save(const VersionRecord& record, QString& problem) const {
 }
 
 void VersionStore::remove(const QString& id) const {
-    QFile::remove(bytesPath(id));
-    QFile::remove(recordPath(id));
+    // A created file's record has no bytes beside it.
+    for (const QString& path : {bytesPath(id), recordPath(id)}) {
+        if (!QFile::remove(path) && QFile::exists(path)) {
+            qCDebug(lcVersions) << "could not remove" << path;
+        }
+    }
 }
 
 VersionStore::Kept VersionStore::keep(const QString& agentPath, const QByteArray& realPath,
@@ -297,6 +305,7 @@ std::optional<VersionRecord> VersionStore::find(const QString& id) const {
     std::optional<VersionRecord> record =
         VersionRecord::fromJson(QJsonDocument::fromJson(file.readAll()).object());
     if (!record || record->id != id) {
+        qCDebug(lcVersions) << "unreadable record" << file.fileName();
         return std::nullopt;
     }
     return record;
@@ -338,7 +347,9 @@ void VersionStore::prune() {
     for (const QFileInfo& info : files) {
         const QString id = info.fileName().section(u'.', 0, 0);
         if (info.lastModified().toUTC() < stale && !find(id)) {
-            QFile::remove(info.filePath());
+            if (!QFile::remove(info.filePath())) {
+                qCDebug(lcVersions) << "could not remove" << info.filePath();
+            }
         }
     }
 }

@@ -3,7 +3,10 @@
 #include "SecretStore.h"
 #include "TokenFile.h"
 
+#include <QLoggingCategory>
 #include <QStringDecoder>
+
+Q_LOGGING_CATEGORY(lcSecrets, "quillmar.secrets", QtWarningMsg)
 
 namespace {
 
@@ -87,7 +90,9 @@ QCoro::Task<std::optional<KeychainError>> Keychain::saveToken(QString token) {
     }
     // The file goes first, as the store's old entry does: after a failed save no token is
     // left anywhere, not even an older one.
-    file.remove();
+    if (!file.remove()) {
+        qCWarning(lcSecrets) << "could not remove the token file" << file.path();
+    }
     const SecretStore::Reply reply =
         co_await SecretStore::replace(service(), account(), token, storeTimeout);
     co_return errorOf(reply);
@@ -115,8 +120,10 @@ QCoro::Task<TokenLookup> Keychain::loadToken() {
     }
     const SecretStore::Reply moved =
         co_await SecretStore::replace(service(), account(), *token, storeTimeout);
-    if (moved.outcome == SecretStore::Outcome::Done) {
-        file.remove();
+    if (moved.outcome != SecretStore::Outcome::Done) {
+        qCDebug(lcSecrets) << "the token stays in its file: the secret store did not take it";
+    } else if (!file.remove()) {
+        qCWarning(lcSecrets) << "could not remove the token file" << file.path();
     }
     co_return TokenLookup{token, std::nullopt};
 }

@@ -10,6 +10,7 @@
 #include <QLocalServer>
 #include <QLocalSocket>
 #include <QLockFile>
+#include <QLoggingCategory>
 #include <QPointer>
 #include <QStandardPaths>
 #include <QThread>
@@ -17,6 +18,8 @@
 
 #include <cerrno>
 #include <csignal>
+
+Q_LOGGING_CATEGORY(lcInstance, "quillmar.instance", QtWarningMsg)
 
 namespace {
 
@@ -153,7 +156,12 @@ SingleInstance::Answer SingleInstance::handOver(std::chrono::milliseconds timeou
     if (!reply) {
         return Answer::None;
     }
-    const QJsonObject running = QJsonDocument::fromJson(*reply).object();
+    QJsonParseError parseError;
+    const QJsonObject running = QJsonDocument::fromJson(*reply, &parseError).object();
+    if (!reply->isEmpty() && parseError.error != QJsonParseError::NoError) {
+        qCDebug(lcInstance) << "the running companion's answer is not JSON:"
+                            << parseError.errorString();
+    }
     m_runningMode = running.value(QStringLiteral("mode")).toString(QStringLiteral("desktop"));
     m_runningProcess = running.value(QStringLiteral("pid")).toInteger();
     // A companion that closes without answering is one that showed its window.
@@ -175,7 +183,13 @@ std::optional<QJsonObject> SingleInstance::ask(const QString& directory, const Q
     if (!reply || reply->isEmpty()) {
         return std::nullopt;
     }
-    return QJsonDocument::fromJson(*reply).object();
+    QJsonParseError parseError;
+    const QJsonDocument answer = QJsonDocument::fromJson(*reply, &parseError);
+    if (parseError.error != QJsonParseError::NoError) {
+        qCDebug(lcInstance) << "the running companion's answer is not JSON:"
+                            << parseError.errorString();
+    }
+    return answer.object();
 }
 
 qint64 SingleInstance::holder(const QString& directory) {

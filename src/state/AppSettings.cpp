@@ -4,12 +4,30 @@
 
 #include <QDir>
 
+Q_LOGGING_CATEGORY(lcSettings, "quillmar.settings", QtWarningMsg)
+
+namespace {
+
+// The write reaches the file here; a failure leaves the old value in place.
+void store(const QString& key, const QVariant& value) {
+    const std::unique_ptr<QSettings> settings = AppSettings::open();
+    settings->setValue(key, value);
+    settings->sync();
+    if (settings->status() != QSettings::NoError) {
+        qCWarning(lcSettings) << "could not save" << key << "to" << settings->fileName();
+    }
+}
+
+} // namespace
+
 QString AppSettings::filePath() {
     return AppIdentity::configDirectory() + QStringLiteral("/settings.conf");
 }
 
 std::unique_ptr<QSettings> AppSettings::open() {
-    QDir().mkpath(AppIdentity::configDirectory());
+    if (!QDir().mkpath(AppIdentity::configDirectory())) {
+        qCWarning(lcSettings) << "could not make" << AppIdentity::configDirectory();
+    }
     return std::make_unique<QSettings>(filePath(), QSettings::IniFormat);
 }
 
@@ -22,9 +40,7 @@ std::optional<QByteArray> AppSettings::data(const QString& key) {
 }
 
 void AppSettings::setData(const QString& key, const QByteArray& value) {
-    auto settings = open();
-    settings->setValue(key, value);
-    settings->sync();
+    store(key, value);
 }
 
 std::optional<bool> AppSettings::boolean(const QString& key) {
@@ -44,7 +60,5 @@ std::optional<bool> AppSettings::boolean(const QString& key) {
 }
 
 void AppSettings::setBoolean(const QString& key, bool value) {
-    auto settings = open();
-    settings->setValue(key, value);
-    settings->sync();
+    store(key, value);
 }

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <QByteArray>
+#include <QLoggingCategory>
 #include <QSettings>
 #include <QString>
 #include <QVariant>
 
 #include <memory>
 #include <optional>
+
+Q_DECLARE_LOGGING_CATEGORY(lcSettings)
 
 // The user's settings: an INI file in the application's config folder. INI keeps no types, so
 // booleans are the words "true" and "false" and binary data is marked by Qt as @ByteArray.

@@ -32,7 +32,12 @@ QList<SharedFolder> FolderStore::load() {
     if (!stored) {
         return {};
     }
-    return SharedFolder::decodeList(*stored).value_or(QList<SharedFolder>{});
+    std::optional<QList<SharedFolder>> folders = SharedFolder::decodeList(*stored);
+    if (!folders) {
+        qCWarning(lcSettings) << "the shared folders in the settings could not be read";
+        return {};
+    }
+    return std::move(*folders);
 }
 
 void FolderStore::save(const QList<SharedFolder>& folders) {
