@@ -1,5 +1,6 @@
 #include "FileSearcher.h"
 
+#include "Ascii.h"
 #include "FileNameCodec.h"
 #include "JsonParams.h"
 #include "PathResolver.h"
@@ -24,24 +25,6 @@
 Q_LOGGING_CATEGORY(lcTools, "quillmar.tools", QtWarningMsg)
 
 namespace {
-
-bool isAscii(const char* text, std::size_t length) {
-    for (std::size_t i = 0; i < length; ++i) {
-        if (static_cast<unsigned char>(text[i]) >= 0x80) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool isAscii(const QString& text) {
-    for (QChar c : text) {
-        if (c.unicode() >= 0x80) {
-            return false;
-        }
-    }
-    return true;
-}
 
 void asciiLower(const char* text, std::size_t length, std::string& out) {
     out.resize(length);
@@ -72,7 +55,7 @@ public:
     WildcardLocale& operator=(const WildcardLocale&) = delete;
 
     bool match(const char* pattern, bool patternAscii, const char* name, std::size_t length) {
-        if (patternAscii && isAscii(name, length)) {
+        if (patternAscii && Ascii::isAscii(name, length)) {
             return ::fnmatch(pattern, name, 0) == 0;
         }
         if (m_utf8) {
@@ -98,10 +81,10 @@ public:
         if (m_wildcard) {
             m_pattern = query.toUtf8();
             m_patternAscii =
-                isAscii(m_pattern.constData(), static_cast<std::size_t>(m_pattern.size()));
+                Ascii::isAscii(m_pattern.constData(), static_cast<std::size_t>(m_pattern.size()));
         } else {
             m_lowerQuery = query.normalized(QString::NormalizationForm_C).toLower();
-            m_lowerQueryAscii = isAscii(m_lowerQuery);
+            m_lowerQueryAscii = Ascii::isAscii(m_lowerQuery);
             if (m_lowerQueryAscii) {
                 m_lowerQueryBytes = m_lowerQuery.toStdString();
             }
@@ -112,7 +95,7 @@ public:
         if (m_wildcard) {
             return m_locale.match(m_pattern.constData(), m_patternAscii, name, length);
         }
-        if (isAscii(name, length)) {
+        if (Ascii::isAscii(name, length)) {
             // An ASCII name lower-cases to ASCII, so a non-ASCII query cannot occur in it.
             if (!m_lowerQueryAscii) {
                 return false;

@@ -1,5 +1,6 @@
 #include "FolderLister.h"
 
+#include "Ascii.h"
 #include "CompactJson.h"
 #include "FileNameCodec.h"
 #include "FileSystemError.h"
@@ -61,15 +62,6 @@ struct Entry {
     qint64 size() const { return statOk ? static_cast<qint64>(info.st_size) : 0; }
     qint64 modified() const { return statOk ? wholeSeconds(info.st_mtim) : 0; }
 };
-
-bool isAscii(const char* text) {
-    for (; *text != '\0'; ++text) {
-        if (static_cast<unsigned char>(*text) >= 0x80) {
-            return false;
-        }
-    }
-    return true;
-}
 
 class DirectoryHandle {
 public:
@@ -182,7 +174,7 @@ Listing readFolder(const QString& path, const AccessPolicy& policy) {
         }
         Entry entry;
         entry.rawName = QByteArray(name);
-        entry.ascii = isAscii(name);
+        entry.ascii = Ascii::isAscii(entry.rawName.constData(), std::size_t(entry.rawName.size()));
         if (!entry.ascii) {
             entry.name = FileNameCodec::decode(entry.rawName);
             entry.sortKey = mayChangeUnderNfc(entry.name)

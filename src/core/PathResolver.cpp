@@ -1,5 +1,6 @@
 #include "PathResolver.h"
 
+#include "Ascii.h"
 #include "FileNameCodec.h"
 #include "ToolError.h"
 
@@ -9,15 +10,6 @@
 #include <algorithm>
 
 namespace {
-
-bool isAscii(const QString& text) {
-    for (QChar c : text) {
-        if (c.unicode() >= 0x80) {
-            return false;
-        }
-    }
-    return true;
-}
 
 QString trimSlashes(const QString& path) {
     qsizetype start = 0;
@@ -45,7 +37,7 @@ bool PathResolver::sameName(const QString& a, const QString& b) {
     if (a == b) {
         return true;
     }
-    if (isAscii(a) && isAscii(b)) {
+    if (Ascii::isAscii(a) && Ascii::isAscii(b)) {
         return false;
     }
     return a.normalized(QString::NormalizationForm_C) == b.normalized(QString::NormalizationForm_C);

@@ -8,10 +8,6 @@
 
 namespace {
 
-QString upperCaseUuid(const QUuid& id) {
-    return id.toString(QUuid::WithoutBraces).toUpper();
-}
-
 // A JSON string literal for `text`, escaped by Qt's writer.
 QByteArray jsonString(const QString& text) {
     QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
@@ -19,6 +15,10 @@ QByteArray jsonString(const QString& text) {
 }
 
 } // namespace
+
+QString SharedFolder::idString() const {
+    return id.toString(QUuid::WithoutBraces).toUpper();
+}
 
 // Names and paths compare by canonical equivalence, like folder names in agent paths: "Café"
 // typed precomposed and "Cafe" + U+0301 read back from the file system are the same text.
@@ -30,7 +30,7 @@ bool operator==(const SharedFolder& a, const SharedFolder& b) {
 
 QByteArray SharedFolder::toJson() const {
     // Written by hand so the keys keep their declared order (QJsonObject sorts them).
-    QByteArray out = "{\"id\":" + jsonString(upperCaseUuid(id)) + ",\"name\":" + jsonString(name) +
+    QByteArray out = "{\"id\":" + jsonString(idString()) + ",\"name\":" + jsonString(name) +
                      ",\"path\":" + jsonString(path);
     if (bookmark) {
         out += ",\"bookmark\":" + jsonString(QString::fromLatin1(bookmark->toBase64()));
@@ -43,7 +43,7 @@ QByteArray SharedFolder::toJson() const {
 }
 
 QJsonObject SharedFolder::toJsonObject() const {
-    QJsonObject object{{QStringLiteral("id"), upperCaseUuid(id)},
+    QJsonObject object{{QStringLiteral("id"), idString()},
                        {QStringLiteral("name"), name},
                        {QStringLiteral("path"), path}};
     if (bookmark) {

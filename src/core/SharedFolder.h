@@ -20,6 +20,9 @@ struct SharedFolder {
 
     friend bool operator==(const SharedFolder& a, const SharedFolder& b);
 
+    // The id as every interface carries it: upper-case, 36 characters, no braces.
+    QString idString() const;
+
     // Encoded form: keys id, name, path, bookmark, read_only in that order; `bookmark` is base64
     // and left out when absent, `read_only` is present only when true (records stored before it
     // existed load as read-write). The id is upper-case, 36 characters.

@@ -90,7 +90,7 @@ bool AppDelegate::applicationShouldHandleReopen(bool hasVisibleWindows) {
 
 void AppDelegate::installMainMenu() {
     m_mainMenuModel = MainMenuModel::build();
-    // Hide and Quit are ours; the Edit commands belong to the focused text field.
+    // Hide and Quit are ours; every other key belongs to the focused window.
     m_mainMenu = std::make_unique<MainMenuShortcuts>(
         m_mainMenuModel, QSet<MenuAction>{MenuAction::Hide, MenuAction::Terminate},
         [this](MenuAction action, QObject* receiver) { mainMenuCommand(action, receiver); });
@@ -222,7 +222,7 @@ const SharedFolder* AppDelegate::folderNamedBy(const QAction& sender) const {
     }
     const QString id = represented.toString();
     for (const SharedFolder& folder : AppState::shared().folders()) {
-        if (StatusMenuModel::folderIdString(folder) == id) {
+        if (folder.idString() == id) {
             return &folder;
         }
     }

@@ -1,6 +1,5 @@
 #include "DesktopApp.h"
 
-#include "ActivationPolicy.h"
 #include "AppDelegate.h"
 #include "AppIdentity.h"
 #include "AppState.h"
@@ -57,7 +56,6 @@ int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow) {
 
     ApprovalPrompt::install(std::make_shared<MessageBoxApprovalPrompt>());
     FolderChooser::install(std::make_shared<FileDialogFolderChooser>());
-    ActivationPolicy::accessory();
 
     AppDelegate delegate(makeWindow());
     QObject::connect(&instance, &SingleInstance::reopenRequested, &delegate,

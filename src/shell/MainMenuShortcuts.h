@@ -11,8 +11,8 @@
 
 // The main menu's keys as shortcuts in every window of the application. An application-wide
 // event filter sees a key press before the window (widgets or QML) does, so Ctrl+Q quits from
-// anywhere. Only the commands the application carries out itself are taken; the Edit commands
-// stay with the focused text field, which already answers them.
+// anywhere. Only the commands in `taken` are bound; every other key stays with the focused
+// window.
 class MainMenuShortcuts : public QObject {
     Q_OBJECT
 

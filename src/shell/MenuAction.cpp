@@ -24,18 +24,6 @@ QString menuActionName(MenuAction action) {
         return QStringLiteral("hide:");
     case MenuAction::Terminate:
         return QStringLiteral("terminate:");
-    case MenuAction::Undo:
-        return QStringLiteral("undo:");
-    case MenuAction::Redo:
-        return QStringLiteral("redo:");
-    case MenuAction::Cut:
-        return QStringLiteral("cut:");
-    case MenuAction::Copy:
-        return QStringLiteral("copy:");
-    case MenuAction::Paste:
-        return QStringLiteral("paste:");
-    case MenuAction::SelectAll:
-        return QStringLiteral("selectAll:");
     }
     return QString();
 }

@@ -3,7 +3,7 @@
 #include <QString>
 
 // What choosing a menu item does. The status menu's commands go to the AppDelegate; the main
-// menu's commands go to whatever has the keyboard focus.
+// menu's commands act on the window that has the keyboard focus.
 enum class MenuAction {
     None,
     // Status menu
@@ -18,12 +18,6 @@ enum class MenuAction {
     // Main menu
     Hide,
     Terminate,
-    Undo,
-    Redo,
-    Cut,
-    Copy,
-    Paste,
-    SelectAll,
 };
 
 // The handler's name, as a developer reads it in a test failure: "openSetup", "hide:", ...

@@ -21,7 +21,6 @@ StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& 
                                        bool paused, const QList<ActivityEntry>& recent) {
     StatusMenuModel model;
     model.symbolName = online ? onlineSymbol() : offlineSymbol();
-    model.accessibilityDescription = QStringLiteral("Quillmar");
     model.buttonTitle = QStringLiteral(" Quillmar OS");
     model.header = online ? QStringLiteral("Quillmar OS — Connected")
                           : QStringLiteral("Quillmar OS — ") + statusText;
@@ -51,11 +50,11 @@ StatusMenuModel StatusMenuModel::build(bool online, bool paired, const QString& 
                 MenuItem::make(QStringLiteral("Read Only"), MenuAction::ToggleReadOnly);
             readOnly.checkable = true;
             readOnly.checked = folder.readOnly;
-            readOnly.representedObject = folderIdString(folder);
+            readOnly.representedObject = folder.idString();
             entry.submenu.append(readOnly);
             MenuItem stop = MenuItem::make(QStringLiteral("Stop sharing this folder"),
                                            MenuAction::RemoveFolder);
-            stop.representedObject = folderIdString(folder);
+            stop.representedObject = folder.idString();
             entry.submenu.append(stop);
             items.append(entry);
         }
@@ -100,8 +99,4 @@ StatusMenuModel StatusMenuModel::build(AppState& state) {
 
 QString StatusMenuModel::folderTitle(const SharedFolder& folder) {
     return QStringLiteral("  \U0001F4C1 ") + folder.name;
-}
-
-QString StatusMenuModel::folderIdString(const SharedFolder& folder) {
-    return folder.id.toString(QUuid::WithoutBraces).toUpper();
 }

@@ -18,7 +18,6 @@ public:
     static QString offlineSymbol() { return QStringLiteral("externaldrive"); }
 
     QString symbolName;
-    QString accessibilityDescription;
     // Shown next to the icon where a panel has room for a title; ours goes into the tool tip.
     QString buttonTitle;
     // The first, disabled line of the menu.
@@ -43,6 +42,4 @@ public:
 
     // Two spaces, the folder emoji, a space and the folder's name.
     static QString folderTitle(const SharedFolder& folder);
-    // The canonical, upper-case form that the "Stop sharing" item carries.
-    static QString folderIdString(const SharedFolder& folder);
 };

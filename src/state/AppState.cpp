@@ -303,7 +303,6 @@ SharedFolder AppState::addFolderAt(const QString& path, bool readOnly) {
 }
 
 void AppState::removeFolder(const SharedFolder& folder) {
-    FolderStore::deactivate(folder.id);
     QList<SharedFolder> folders = m_folders;
     folders.removeIf([&](const SharedFolder& f) { return f.id == folder.id; });
     setFolders(folders);
@@ -313,7 +312,7 @@ void AppState::removeFolder(const SharedFolder& folder) {
 
 void AppState::removeFolderById(const QString& id) {
     for (const SharedFolder& folder : std::as_const(m_folders)) {
-        if (folder.id.toString(QUuid::WithoutBraces).toUpper() == id) {
+        if (folder.idString() == id) {
             removeFolder(folder);
             return;
         }
@@ -345,7 +344,7 @@ void AppState::setFolderReadOnly(const SharedFolder& folder, bool readOnly) {
 
 void AppState::setFolderReadOnlyById(const QString& id, bool readOnly) {
     for (const SharedFolder& folder : std::as_const(m_folders)) {
-        if (folder.id.toString(QUuid::WithoutBraces).toUpper() == id) {
+        if (folder.idString() == id) {
             setFolderReadOnly(folder, readOnly);
             return;
         }

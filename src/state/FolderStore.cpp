@@ -5,20 +5,17 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QHash>
 #include <QSet>
 #include <QUrl>
 
 namespace {
 
-// Folder id -> the path whose access this process started. Main thread only.
-QHash<QUuid, QString>& activeURLs() {
-    static QHash<QUuid, QString> table;
-    return table;
-}
-
-void startAccessing(const QUuid& id, const QString& path) {
-    activeURLs().insert(id, path);
+// Like a folder's URL path: no trailing slash except for the root.
+QString withoutTrailingSlash(QString path) {
+    while (path.size() > 1 && path.endsWith(u'/')) {
+        path.chop(1);
+    }
+    return path;
 }
 
 } // namespace
@@ -56,11 +53,7 @@ std::optional<QString> FolderStore::resolveBookmark(const QByteArray& bookmark) 
     if (!url.isValid() || !url.isLocalFile()) {
         return std::nullopt;
     }
-    QString path = url.toLocalFile();
-    // Like a folder's URL path: no trailing slash except for the root.
-    while (path.size() > 1 && path.endsWith(u'/')) {
-        path.chop(1);
-    }
+    const QString path = withoutTrailingSlash(url.toLocalFile());
     if (!QFileInfo(path).isDir()) {
         return std::nullopt; // the folder is gone
     }
@@ -80,7 +73,6 @@ QList<SharedFolder> FolderStore::activate(const QList<SharedFolder>& folders) {
             result.append(folder);
             continue;
         }
-        startAccessing(folder.id, *resolved);
         SharedFolder refreshed = folder;
         refreshed.path = *resolved;
         result.append(refreshed);
@@ -101,14 +93,10 @@ QString FolderStore::uniqueName(const QString& base, const QList<SharedFolder>& 
 }
 
 SharedFolder FolderStore::makeRecord(const QString& path, const QList<SharedFolder>& existing) {
-    QString clean = path;
-    while (clean.size() > 1 && clean.endsWith(u'/')) {
-        clean.chop(1);
-    }
+    const QString clean = withoutTrailingSlash(path);
     const QString base = clean == u"/" ? QStringLiteral("/") : clean.section(u'/', -1);
     SharedFolder folder{QUuid::createUuid(), uniqueName(base, existing), clean,
                         makeBookmark(clean)};
-    startAccessing(folder.id, clean);
     return folder;
 }
 
@@ -124,20 +112,4 @@ std::optional<SharedFolder> FolderStore::pick(const QList<SharedFolder>& existin
         return std::nullopt;
     }
     return makeRecord(*chosen, existing);
-}
-
-void FolderStore::deactivate(const QUuid& id) {
-    activeURLs().remove(id);
-}
-
-std::optional<QString> FolderStore::activePath(const QUuid& id) {
-    const auto it = activeURLs().constFind(id);
-    if (it == activeURLs().constEnd()) {
-        return std::nullopt;
-    }
-    return *it;
-}
-
-qsizetype FolderStore::activeCount() {
-    return activeURLs().size();
 }

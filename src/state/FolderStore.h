@@ -8,9 +8,8 @@
 
 #include <optional>
 
-// The persisted list of shared folders, the folder chooser, and the access this process holds
-// to each folder. Linux has no sandbox: a bookmark is the folder's file URL, and starting or
-// stopping access only records which folders this process activated.
+// The persisted list of shared folders and the folder chooser. Linux has no sandbox: a bookmark
+// is the folder's file URL, and activating a record only resolves it to the folder's path.
 class FolderStore {
 public:
     static QList<SharedFolder> load();
@@ -20,16 +19,12 @@ public:
     static std::optional<SharedFolder> pick(const QList<SharedFolder>& existing);
     // The record for a folder chosen some other way (the command line). Does not save.
     static SharedFolder makeRecord(const QString& path, const QList<SharedFolder>& existing);
-    static void deactivate(const QUuid& id);
 
     // "Documents", then "Documents 2", "Documents 3", ... whichever is free in `existing`.
     static QString uniqueName(const QString& base, const QList<SharedFolder>& existing);
 
     static std::optional<QByteArray> makeBookmark(const QString& path);
     static std::optional<QString> resolveBookmark(const QByteArray& bookmark);
-    // The folder this process activated under `id`, if any.
-    static std::optional<QString> activePath(const QUuid& id);
-    static qsizetype activeCount();
 
     static QString settingsKey();
 };

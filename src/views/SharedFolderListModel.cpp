@@ -21,7 +21,7 @@ QVariant SharedFolderListModel::data(const QModelIndex& index, int role) const {
     const SharedFolder& folder = m_folders.at(index.row());
     switch (role) {
     case FolderIdRole:
-        return folderId(folder);
+        return folder.idString();
     case NameRole:
     case Qt::DisplayRole:
         return folder.name;
@@ -39,10 +39,6 @@ QHash<int, QByteArray> SharedFolderListModel::roleNames() const {
             {NameRole, "name"},
             {PathRole, "path"},
             {ReadOnlyRole, "readOnly"}};
-}
-
-QString SharedFolderListModel::folderId(const SharedFolder& folder) {
-    return folder.id.toString(QUuid::WithoutBraces).toUpper();
 }
 
 void SharedFolderListModel::reload() {

@@ -27,9 +27,6 @@ public:
 
     int count() const { return static_cast<int>(m_folders.size()); }
 
-    // The identifier AppState.removeFolderById() takes.
-    static QString folderId(const SharedFolder& folder);
-
 signals:
     void countChanged();
 

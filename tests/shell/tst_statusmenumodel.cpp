@@ -138,10 +138,8 @@ private slots:
         QCOMPARE(a.submenu.at(0).title, QStringLiteral("/d"));
         QCOMPARE(b.submenu.at(0).title, QStringLiteral("/d"));
         for (const qsizetype i : {2, 3}) {
-            QCOMPARE(a.submenu.at(i).representedObject.toString(),
-                     StatusMenuModel::folderIdString(first));
-            QCOMPARE(b.submenu.at(i).representedObject.toString(),
-                     StatusMenuModel::folderIdString(second));
+            QCOMPARE(a.submenu.at(i).representedObject.toString(), first.idString());
+            QCOMPARE(b.submenu.at(i).representedObject.toString(), second.idString());
             QVERIFY(a.submenu.at(i).representedObject != b.submenu.at(i).representedObject);
         }
     }
@@ -183,7 +181,6 @@ private slots:
             StatusMenuModel::build(true, true, QStringLiteral("Connected to Quillmar"), {}, true);
         QCOMPARE(model.header, QStringLiteral("Quillmar OS — Connected"));
         QCOMPARE(model.symbolName, QStringLiteral("externaldrive.fill.badge.checkmark"));
-        QCOMPARE(model.accessibilityDescription, QStringLiteral("Quillmar"));
         QCOMPARE(model.buttonTitle, QStringLiteral(" Quillmar OS"));
         QCOMPARE(model.toolTip(), QStringLiteral("Quillmar OS\nQuillmar OS — Connected"));
     }
@@ -261,9 +258,8 @@ private slots:
         }
         QVERIFY(docsReadOnly.checked);
         QVERIFY(!notesReadOnly.checked);
-        QCOMPARE(docsReadOnly.representedObject.toString(), StatusMenuModel::folderIdString(docs));
-        QCOMPARE(notesReadOnly.representedObject.toString(),
-                 StatusMenuModel::folderIdString(notes));
+        QCOMPARE(docsReadOnly.representedObject.toString(), docs.idString());
+        QCOMPARE(notesReadOnly.representedObject.toString(), notes.idString());
     }
 
     void pauseItemFollowsTheState() {
@@ -359,23 +355,12 @@ private slots:
 
     void mainMenu() {
         const QList<MenuItem> menus = MainMenuModel::build();
-        QCOMPARE(menus.size(), 2);
+        QCOMPARE(menus.size(), 1);
         QCOMPARE(menus.at(0).title, QString());
         QCOMPARE(
             MenuItem::describe(menus.at(0).submenu),
             (QStringList{QStringLiteral("Hide Quillmar OS -> hide: <h>"), QStringLiteral("---"),
                          QStringLiteral("Quit Quillmar OS -> terminate: <q>")}));
-        QCOMPARE(menus.at(1).title, QStringLiteral("Edit"));
-        QCOMPARE(MenuItem::describe(menus.at(1).submenu),
-                 (QStringList{
-                     QStringLiteral("Undo -> undo: <z>"),
-                     QStringLiteral("Redo -> redo: <Z>"),
-                     QStringLiteral("---"),
-                     QStringLiteral("Cut -> cut: <x>"),
-                     QStringLiteral("Copy -> copy: <c>"),
-                     QStringLiteral("Paste -> paste: <v>"),
-                     QStringLiteral("Select All -> selectAll: <a>"),
-                 }));
     }
 
     void keysBecomeControlShortcuts() {
@@ -385,14 +370,6 @@ private slots:
                  QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Z));
         QCOMPARE(MenuItem::shortcutFor(QString()), QKeySequence());
         QCOMPARE(MenuItem::shortcutFor(QStringLiteral("qq")), QKeySequence());
-        // The Edit keys are the ones Qt's text fields answer on this platform.
-        const QList<MenuItem> edit = MainMenuModel::build().at(1).submenu;
-        QVERIFY(QKeySequence::keyBindings(QKeySequence::Undo).contains(edit.at(0).shortcut()));
-        QVERIFY(QKeySequence::keyBindings(QKeySequence::Redo).contains(edit.at(1).shortcut()));
-        QVERIFY(QKeySequence::keyBindings(QKeySequence::Cut).contains(edit.at(3).shortcut()));
-        QVERIFY(QKeySequence::keyBindings(QKeySequence::Copy).contains(edit.at(4).shortcut()));
-        QVERIFY(QKeySequence::keyBindings(QKeySequence::Paste).contains(edit.at(5).shortcut()));
-        QVERIFY(QKeySequence::keyBindings(QKeySequence::SelectAll).contains(edit.at(6).shortcut()));
     }
 };
 

@@ -130,8 +130,8 @@ private slots:
                                             MenuAction::AddFolder, MenuAction::OpenSetup,
                                             MenuAction::ToggleApproval, MenuAction::TogglePause,
                                             MenuAction::Unpair, MenuAction::Quit}));
-        QCOMPARE(carried.at(0), QVariant(StatusMenuModel::folderIdString(docs)));
-        QCOMPARE(carried.at(1), QVariant(StatusMenuModel::folderIdString(docs)));
+        QCOMPARE(carried.at(0), QVariant(docs.idString()));
+        QCOMPARE(carried.at(1), QVariant(docs.idString()));
     }
 };
 

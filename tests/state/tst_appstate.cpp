@@ -136,11 +136,9 @@ private slots:
     void foldersAreLoadedAndActivatedAtLaunch() {
         TempTree tree;
         const SharedFolder record = FolderStore::makeRecord(tree.dir(QStringLiteral("Docs")), {});
-        FolderStore::deactivate(record.id);
         FolderStore::save({record});
         AppState& state = freshState();
         QCOMPARE(state.folders(), QList<SharedFolder>{record});
-        QCOMPARE(FolderStore::activePath(record.id), std::optional<QString>(record.path));
     }
 
     void pairingSucceedsAndStoresTheToken() {
@@ -279,7 +277,6 @@ private slots:
         renamed.name = QStringLiteral("other");
         state.removeFolder(renamed);
         QCOMPARE(state.folders(), QList<SharedFolder>{b});
-        QVERIFY(!FolderStore::activePath(a.id));
         state.removeFolderById(b.id.toString(QUuid::WithoutBraces).toUpper());
         QVERIFY(state.folders().isEmpty());
     }
