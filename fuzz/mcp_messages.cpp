@@ -72,7 +72,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     waitForLoop = data[0] == 'w';
     const QByteArray input(reinterpret_cast<const char*>(data) + 1, qsizetype(size) - 1);
-    const auto detail = [&] { return QStringLiteral("input ") + fuzzQuote(QString::fromUtf8(input)); };
+    const auto detail = [&] {
+        return QStringLiteral("input ") + fuzzQuote(QString::fromUtf8(input));
+    };
 
     McpServer server(&answer, QStringLiteral("1.0"));
     QList<QJsonObject> answers;
@@ -85,7 +87,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const QJsonObject object = document.object();
         FUZZ_CHECK(object.value(QStringLiteral("jsonrpc")) == QJsonValue(QStringLiteral("2.0")),
                    detail());
-        FUZZ_CHECK(object.contains(QStringLiteral("result")) != object.contains(QStringLiteral("error")),
+        FUZZ_CHECK(object.contains(QStringLiteral("result")) !=
+                       object.contains(QStringLiteral("error")),
                    detail());
         if (object.contains(QStringLiteral("error"))) {
             const QJsonObject e = object.value(QStringLiteral("error")).toObject();
@@ -112,10 +115,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (error.error == QJsonParseError::NoError && document.isObject() &&
             object.contains(QStringLiteral("id")) && validId(object.value(QStringLiteral("id"))) &&
             (!twoPointZero || method || !answerToServer)) {
-            const bool toolCall =
-                twoPointZero &&
-                object.value(QStringLiteral("method")) == QJsonValue(QStringLiteral("tools/call")) &&
-                (params.isUndefined() || params.isObject());
+            const bool toolCall = twoPointZero &&
+                                  object.value(QStringLiteral("method")) ==
+                                      QJsonValue(QStringLiteral("tools/call")) &&
+                                  (params.isUndefined() || params.isObject());
             due.append({false, object.value(QStringLiteral("id")), toolCall});
         }
         server.receive(line);
@@ -139,12 +142,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                     FUZZ_CHECK(result.value(QStringLiteral("isError")).isBool(), detail());
                     const QJsonObject text =
                         result.value(QStringLiteral("content")).toArray().at(0).toObject();
-                    FUZZ_CHECK(text.value(QStringLiteral("type")) == QJsonValue(QStringLiteral("text")) &&
+                    FUZZ_CHECK(text.value(QStringLiteral("type")) ==
+                                       QJsonValue(QStringLiteral("text")) &&
                                    text.value(QStringLiteral("text")).isString(),
                                detail());
                 } else if (expectation.toolCall) {
-                    FUZZ_CHECK(answer.value(QStringLiteral("error")).toObject().value(u"code"_qs).toInt() ==
-                                   McpServer::InvalidParams,
+                    FUZZ_CHECK(answer.value(QStringLiteral("error"))
+                                       .toObject()
+                                       .value(u"code"_qs)
+                                       .toInt() == McpServer::InvalidParams,
                                detail());
                 }
                 break;

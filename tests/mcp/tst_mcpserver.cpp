@@ -6,8 +6,8 @@
 #include "McpServer.h"
 #include "ToolResult.h"
 
-#include <QCoroTimer>
 #include <QCoroTask>
+#include <QCoroTimer>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
