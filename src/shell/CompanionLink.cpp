@@ -63,6 +63,8 @@ QCoro::Task<std::optional<QByteArray>> CompanionLink::call(QByteArray call) {
     const quint64 generation = m_generation;
     const quint64 id = ++m_lastId;
     m_socket->write(SingleInstance::callFrame(id, call));
+    // Out now rather than on the next turn of the event loop.
+    m_socket->flush();
     while (true) {
         if (!self) {
             co_return QByteArray();

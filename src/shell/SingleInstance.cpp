@@ -300,6 +300,7 @@ QCoro::Task<> SingleInstance::answerCall(QLocalSocket* socket, quint64 id, QByte
     const auto send = [caller, id](const QByteArray& reply) {
         if (caller && caller->state() == QLocalSocket::ConnectedState) {
             caller->write(callFrame(id, reply));
+            caller->flush();
         }
     };
     const QJsonObject request = QJsonDocument::fromJson(call).object();

@@ -116,7 +116,7 @@ bool FileToolWorker::answer(const QByteArray& call) {
     const ToolResult result = FileService::execute(
         method, params, *m_policy,
         [this](const QString& shownPath, qint64 bytes) { return approve(shownPath, bytes); }, this);
-    if (m_lost || !summarise(result)) {
+    if (m_lost) {
         return false;
     }
     QByteArray payload;
@@ -133,7 +133,14 @@ bool FileToolWorker::answer(const QByteArray& call) {
             payload = '\0' + QJsonDocument(answer).toJson(QJsonDocument::Compact);
         }
     }
-    return write(WorkerProtocol::Kind::Result, payload);
+    // Summary and result in one write: the companion wakes once for both.
+    const QByteArray frames =
+        summaryFrame(result) + WorkerProtocol::encode(WorkerProtocol::Kind::Result, payload);
+    if (!writeAll(m_output, frames.constData(), frames.size())) {
+        m_lost = true;
+        return false;
+    }
+    return true;
 }
 
 bool FileToolWorker::writeWithDescriptor(WorkerProtocol::Kind kind, QByteArrayView payload,
@@ -201,7 +208,7 @@ void FileToolWorker::written(const PendingWrite& write, bool created, const stru
                 QJsonDocument(report).toJson(QJsonDocument::Compact));
 }
 
-bool FileToolWorker::summarise(const ToolResult& result) {
+QByteArray FileToolWorker::summaryFrame(const ToolResult& result) {
     qint64 bytes = -1;
     qint64 items = -1;
     if (result.isJson()) {
@@ -217,7 +224,7 @@ bool FileToolWorker::summarise(const ToolResult& result) {
     } else {
         const QJsonObject object = result.toObject();
         if (object.contains(QStringLiteral("error"))) {
-            return true;
+            return QByteArray();
         }
         if (const QJsonValue content = object.value(QStringLiteral("content"));
             content.isString()) {
@@ -231,8 +238,8 @@ bool FileToolWorker::summarise(const ToolResult& result) {
         }
     }
     const QJsonObject summary{{QStringLiteral("bytes"), bytes}, {QStringLiteral("items"), items}};
-    return write(WorkerProtocol::Kind::Summary,
-                 QJsonDocument(summary).toJson(QJsonDocument::Compact));
+    return WorkerProtocol::encode(WorkerProtocol::Kind::Summary,
+                                  QJsonDocument(summary).toJson(QJsonDocument::Compact));
 }
 
 int FileToolWorker::run() {

@@ -28,7 +28,8 @@ private:
     bool approve(const QString& shownPath, qint64 bytes);
     // Sends a frame with `descriptor` passed alongside (SCM_RIGHTS).
     bool writeWithDescriptor(WorkerProtocol::Kind kind, QByteArrayView payload, int descriptor);
-    bool summarise(const ToolResult& result);
+    // The Summary frame of a successful result; empty for an error.
+    static QByteArray summaryFrame(const ToolResult& result);
 
     void replacing(const PendingWrite& write, int previous, const struct stat& before) override;
     void written(const PendingWrite& write, bool created, const struct stat* after) override;
