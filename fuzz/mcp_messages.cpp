@@ -129,37 +129,38 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     FUZZ_CHECK(server.callsInFlight() == 0, detail());
 
-    // Each request's answer, in any order (calls may finish after later requests).
+    // Each request's answer, in any order (calls may finish after later requests). Ids may
+    // repeat: an answer goes to a request of its kind when there is one (a tool's result, or
+    // an unknown tool's error, to a tools/call; anything else to another request).
     for (const QJsonObject& answer : std::as_const(answers)) {
         const QJsonValue id = answer.value(QStringLiteral("id"));
-        bool matched = false;
+        const QJsonObject result = answer.value(QStringLiteral("result")).toObject();
+        const int code = answer.value(QStringLiteral("error")).toObject().value(u"code"_qs).toInt();
+        const bool toolResult = result.contains(QStringLiteral("content"));
+        const bool fitsToolCall = toolResult || (answer.contains(QStringLiteral("error")) &&
+                                                 code == McpServer::InvalidParams);
+        Expectation* chosen = nullptr;
         for (Expectation& expectation : due) {
-            if (!expectation.answered && expectation.id == id) {
-                expectation.answered = true;
-                matched = true;
-                if (expectation.toolCall && answer.contains(QStringLiteral("result"))) {
-                    const QJsonObject result = answer.value(QStringLiteral("result")).toObject();
-                    FUZZ_CHECK(result.value(QStringLiteral("isError")).isBool(), detail());
-                    const QJsonObject text =
-                        result.value(QStringLiteral("content")).toArray().at(0).toObject();
-                    FUZZ_CHECK(text.value(QStringLiteral("type")) ==
-                                       QJsonValue(QStringLiteral("text")) &&
-                                   text.value(QStringLiteral("text")).isString(),
-                               detail());
-                } else if (expectation.toolCall) {
-                    FUZZ_CHECK(answer.value(QStringLiteral("error"))
-                                       .toObject()
-                                       .value(u"code"_qs)
-                                       .toInt() == McpServer::InvalidParams,
-                               detail());
-                }
+            if (!expectation.answered && expectation.id == id &&
+                (expectation.toolCall ? fitsToolCall : !toolResult)) {
+                chosen = &expectation;
                 break;
             }
         }
-        if (!matched) {
+        if (!chosen) {
             FUZZ_CHECK(id.isNull() && answer.contains(QStringLiteral("error")),
                        detail() + QStringLiteral("\nunexpected answer ") +
                            QString::fromUtf8(QJsonDocument(answer).toJson(QJsonDocument::Compact)));
+            continue;
+        }
+        chosen->answered = true;
+        if (chosen->toolCall && toolResult) {
+            FUZZ_CHECK(result.value(QStringLiteral("isError")).isBool(), detail());
+            const QJsonObject text =
+                result.value(QStringLiteral("content")).toArray().at(0).toObject();
+            FUZZ_CHECK(text.value(QStringLiteral("type")) == QJsonValue(QStringLiteral("text")) &&
+                           text.value(QStringLiteral("text")).isString(),
+                       detail());
         }
     }
     for (const Expectation& expectation : std::as_const(due)) {
