@@ -85,10 +85,10 @@ int CallCommand::execute(const QCommandLineParser& parser, QTextStream& out,
         if (!readOnly && option != u"folder") {
             continue;
         }
-        const QString& spec =
+        const QString& folderArgument =
             readOnly ? readOnlyValues.at(nextReadOnly++) : folderValues.at(nextFolder++);
         QString folderError;
-        std::optional<SharedFolder> folder = FolderArguments::parse(spec, folderError);
+        std::optional<SharedFolder> folder = FolderArguments::parse(folderArgument, folderError);
         if (!folder) {
             return badUsage(err, folderError);
         }
