@@ -53,6 +53,7 @@ QByteArray AutostartCommand::entryContents(const QString& executable) {
                           "Terminal=false\n"
                           "Categories=Network;FileTransfer;\n"
                           "StartupNotify=false\n"
+                          "StartupWMClass=Quillmar OS\n"
                           "X-GNOME-Autostart-enabled=true\n")
         .arg(quotedExec(executable), AppIdentity::id())
         .toUtf8();

@@ -24,7 +24,9 @@ QString DesktopApp::displayName() {
 
 int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow) {
     QApplication app(argc, argv);
-    QApplication::setApplicationName(AppIdentity::id());
+    // Tray hosts take the application name as the tray item's title, so it is the name people
+    // know. Nothing finds files through it: every path comes from AppIdentity.
+    QApplication::setApplicationName(displayName());
     QApplication::setApplicationDisplayName(displayName());
     QGuiApplication::setDesktopFileName(AppIdentity::id());
     QApplication::setQuitOnLastWindowClosed(false);

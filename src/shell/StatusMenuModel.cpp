@@ -8,7 +8,8 @@
 #include <algorithm>
 
 QString StatusMenuModel::toolTip() const {
-    QString tip = buttonTitle.trimmed() + u'\n' + header;
+    // The header already names the app; a tray host shows the app's name as the title.
+    QString tip = header;
     if (!problem.isEmpty()) {
         tip += u'\n' + problem;
     }

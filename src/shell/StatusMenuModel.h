@@ -27,7 +27,7 @@ public:
     QString problem;
     QList<MenuItem> items;
 
-    // "Quillmar OS", the header and the problem, one to a line.
+    // The header and the problem, one to a line.
     QString toolTip() const;
 
     // How many of the agents' latest calls the "Recent Activity" submenu lists.

@@ -110,6 +110,7 @@ check_stage() { # prefix-root
     check_equal "desktop Icon" "$app_id" "$(desktop_value "$desktop" Icon)"
     check_equal "desktop Type" "Application" "$(desktop_value "$desktop" Type)"
     check_equal "desktop StartupNotify" "false" "$(desktop_value "$desktop" StartupNotify)"
+    check_equal "desktop StartupWMClass" "Quillmar OS" "$(desktop_value "$desktop" StartupWMClass)"
     [ -n "$(desktop_value "$desktop" Categories)" ] || fail "desktop entry has no Categories"
     [ -n "$(desktop_value "$desktop" Keywords)" ] || fail "desktop entry has no Keywords"
     local output
@@ -157,7 +158,7 @@ check_autostart() { # executable installed-desktop-entry
     fi
     desktop-file-validate "$entry" >/dev/null 2>&1 || fail "autostart entry: $(desktop-file-validate "$entry" 2>&1)"
     local key
-    for key in Type Name Comment Icon Terminal Categories StartupNotify; do
+    for key in Type Name Comment Icon Terminal Categories StartupNotify StartupWMClass; do
         check_equal "autostart $key" "$(desktop_value "$2" "$key")" "$(desktop_value "$entry" "$key")"
     done
     check_equal "autostart Exec" "$1" "$(desktop_value "$entry" Exec)"

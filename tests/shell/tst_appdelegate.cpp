@@ -157,12 +157,12 @@ private slots:
         launch();
         QSystemTrayIcon* item = delegate->statusItem();
         QVERIFY(!item->icon().isNull());
-        QCOMPARE(item->toolTip(), QStringLiteral("Quillmar OS\nQuillmar OS — Not connected"));
+        QCOMPARE(item->toolTip(), QStringLiteral("Quillmar OS — Not connected"));
         const QImage offline = item->icon().pixmap(22).toImage();
         QCOMPARE(offline, StatusIcons::icon(StatusMenuModel::offlineSymbol()).pixmap(22).toImage());
 
         AppState::shared().bridge().onStatus(true, QStringLiteral("Connected to Quillmar"));
-        QCOMPARE(item->toolTip(), QStringLiteral("Quillmar OS\nQuillmar OS — Connected"));
+        QCOMPARE(item->toolTip(), QStringLiteral("Quillmar OS — Connected"));
         const QImage online = item->icon().pixmap(22).toImage();
         QCOMPARE(online, StatusIcons::icon(StatusMenuModel::onlineSymbol()).pixmap(22).toImage());
         QVERIFY(online != offline);

@@ -161,7 +161,7 @@ private slots:
         QVERIFY(!model.items.at(1).enabled);
         QVERIFY(model.items.at(2).separator);
         QCOMPARE(model.toolTip(),
-                 QStringLiteral("Quillmar OS\nQuillmar OS — Reconnecting in 8s\u2026\n") + why);
+                 QStringLiteral("Quillmar OS — Reconnecting in 8s\u2026\n") + why);
         // Online, there is nothing to explain.
         const StatusMenuModel online = StatusMenuModel::build(
             true, true, QStringLiteral("Connected to Quillmar"), {}, true, why);
@@ -182,7 +182,7 @@ private slots:
         QCOMPARE(model.header, QStringLiteral("Quillmar OS — Connected"));
         QCOMPARE(model.symbolName, QStringLiteral("externaldrive.fill.badge.checkmark"));
         QCOMPARE(model.buttonTitle, QStringLiteral(" Quillmar OS"));
-        QCOMPARE(model.toolTip(), QStringLiteral("Quillmar OS\nQuillmar OS — Connected"));
+        QCOMPARE(model.toolTip(), QStringLiteral("Quillmar OS — Connected"));
     }
 
     void approvalCheckFollowsTheSetting() {
