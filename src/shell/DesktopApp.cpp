@@ -56,10 +56,15 @@ int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow) {
     // Logging out or `kill` ends the loop, so that the bridge is closed properly below.
     QuitOnSignals quitOnSignals;
 
-    ApprovalPrompt::install(std::make_shared<MessageBoxApprovalPrompt>());
+    std::unique_ptr<WindowPresenter> window = makeWindow();
+    // Dialogs attach to the window while it is open; the delegate keeps it for as long as
+    // anything can ask.
+    const WindowPresenter* presenter = window.get();
+    const auto openWindow = [presenter] { return presenter->openWindow(); };
+    ApprovalPrompt::install(std::make_shared<MessageBoxApprovalPrompt>(openWindow));
     FolderChooser::install(std::make_shared<FileDialogFolderChooser>());
 
-    AppDelegate delegate(makeWindow());
+    AppDelegate delegate(std::move(window));
     QObject::connect(&instance, &SingleInstance::reopenRequested, &delegate,
                      [&delegate] { delegate.applicationShouldHandleReopen(); });
     // Before the event loop runs: launching may wait for the secret store, and that wait must

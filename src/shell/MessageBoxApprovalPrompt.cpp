@@ -4,9 +4,11 @@
 #include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QWindow>
 
 #include <algorithm>
 #include <memory>
+#include <utility>
 
 namespace {
 
@@ -19,6 +21,9 @@ struct DeleteLater {
 };
 
 } // namespace
+
+MessageBoxApprovalPrompt::MessageBoxApprovalPrompt(std::function<QWindow*()> parentWindow)
+    : m_parentWindow(std::move(parentWindow)) {}
 
 QString MessageBoxApprovalPrompt::alertObjectName() {
     return QStringLiteral("writeApprovalAlert");
@@ -49,9 +54,13 @@ QCoro::Task<bool> MessageBoxApprovalPrompt::ask(QString path, qint64 bytes) {
     box->setDefaultButton(allow);
     box->setEscapeButton(deny);
 
-    // Modal for the whole application, like the write it guards, but shown rather than exec()'d:
-    // open() would make it modal to a parent window, and it has none.
+    // Modal for the whole application, like the write it guards, but shown rather than exec()'d.
+    // Attached to the window when it is open, so the desktop keeps it above the window.
     box->setWindowModality(Qt::ApplicationModal);
+    if (QWindow* parent = m_parentWindow ? m_parentWindow() : nullptr) {
+        box->winId();
+        box->windowHandle()->setTransientParent(parent);
+    }
     box->show();
     box->raise();
     box->activateWindow();

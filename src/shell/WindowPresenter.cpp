@@ -1,3 +1,7 @@
 #include "WindowPresenter.h"
 
 WindowPresenter::~WindowPresenter() = default;
+
+QWindow* WindowPresenter::openWindow() const {
+    return nullptr;
+}

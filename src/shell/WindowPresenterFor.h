@@ -15,6 +15,7 @@ public:
         : m_controller(std::make_unique<Controller>(std::forward<Args>(args)...)) {}
 
     void show() override { m_controller->show(); }
+    QWindow* openWindow() const override { return m_controller->openWindow(); }
     Controller& controller() { return *m_controller; }
 
 private:

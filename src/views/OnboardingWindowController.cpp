@@ -37,6 +37,10 @@ bool OnboardingWindowController::isVisible() const {
     return m_window && m_window->isVisible();
 }
 
+QWindow* OnboardingWindowController::openWindow() const {
+    return isVisible() ? m_window.get() : nullptr;
+}
+
 QQuickWindow* OnboardingWindowController::window() const {
     return m_window.get();
 }

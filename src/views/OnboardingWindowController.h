@@ -9,6 +9,7 @@
 class QQuickItem;
 class QQuickView;
 class QQuickWindow;
+class QWindow;
 
 // Owns the companion's one window, which hosts RootView: onboarding until the user finishes it,
 // the home page afterwards. The window is created on the first show() and never destroyed;
@@ -26,6 +27,8 @@ public:
     bool isVisible() const;
     // The window, or nullptr before the first show().
     QQuickWindow* window() const;
+    // The window while it is on screen (for dialogs to attach to), else nullptr.
+    QWindow* openWindow() const;
     // The hosted RootView, or nullptr before the first show() or when it failed to load.
     QQuickItem* rootView() const;
 

@@ -12,6 +12,7 @@
 #include <QPushButton>
 #include <QTest>
 #include <QTimer>
+#include <QWindow>
 
 namespace {
 
@@ -102,6 +103,33 @@ private slots:
         QCOMPARE(box->defaultButton(), allow);
         QCOMPARE(box->escapeButton(), deny);
         QVERIFY(!answer->value);
+    }
+
+    void theAlertBelongsToTheOpenWindow() {
+        QWindow window;
+        window.resize(460, 600);
+        bool windowOpen = false;
+        MessageBoxApprovalPrompt attached([&] { return windowOpen ? &window : nullptr; });
+
+        // No window open: the alert stands alone.
+        auto alone = std::make_shared<Answer>();
+        collect(attached.ask(QStringLiteral("a.txt"), 1), alone);
+        QMessageBox* box = waitForAlert();
+        QVERIFY(box->windowHandle());
+        QCOMPARE(box->windowHandle()->transientParent(), nullptr);
+        box->reject();
+        QTRY_VERIFY(alone->value.has_value());
+        cleanup();
+
+        window.show();
+        windowOpen = true;
+        auto onTop = std::make_shared<Answer>();
+        collect(attached.ask(QStringLiteral("a.txt"), 1), onTop);
+        box = waitForAlert();
+        QCOMPARE(box->windowHandle()->transientParent(), &window);
+        QCOMPARE(box->windowModality(), Qt::ApplicationModal);
+        box->reject();
+        QTRY_VERIFY(onTop->value.has_value());
     }
 
     void askingDoesNotBlockTheCaller() {
