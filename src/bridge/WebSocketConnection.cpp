@@ -6,6 +6,8 @@
 #include <QSslSocket>
 #include <QTimer>
 
+#include <utility>
+
 Q_LOGGING_CATEGORY(lcSocket, "quillmar.bridge.socket", QtWarningMsg)
 
 namespace {
@@ -166,13 +168,14 @@ void WebSocketConnection::handleEvents(const QList<WebSocketFramer::Event>& even
             write(WebSocketFramer::Opcode::Close,
                   event.code == 1005 ? QByteArray()
                                      : WebSocketFramer::closePayload(event.code, QByteArray()));
-            endAfterClose(ConnectionProblem(ConnectionProblem::Kind::ClosedByService,
-                                            event.payload.isEmpty()
-                                                ? (event.code == 1000 || event.code == 1005
-                                                       ? QString()
-                                                       : QStringLiteral("code %1").arg(event.code))
-                                                : QString::fromUtf8(event.payload),
-                                            event.code));
+            finish(ConnectionProblem(ConnectionProblem::Kind::ClosedByService,
+                                     event.payload.isEmpty()
+                                         ? (event.code == 1000 || event.code == 1005
+                                                ? QString()
+                                                : QStringLiteral("code %1").arg(event.code))
+                                         : QString::fromUtf8(event.payload),
+                                     event.code),
+                   SocketEnd::Linger);
             return;
         case Kind::Failure:
             qCWarning(lcSocket) << "closing the connection:" << event.problem;
@@ -182,10 +185,11 @@ void WebSocketConnection::handleEvents(const QList<WebSocketFramer::Event>& even
             }
             write(WebSocketFramer::Opcode::Close,
                   WebSocketFramer::closePayload(event.code, event.problem.toUtf8()));
-            endAfterClose(ConnectionProblem(event.code == WebSocketFramer::messageTooBig
-                                                ? ConnectionProblem::Kind::TooBig
-                                                : ConnectionProblem::Kind::Unreadable,
-                                            event.problem, event.code));
+            finish(ConnectionProblem(event.code == WebSocketFramer::messageTooBig
+                                         ? ConnectionProblem::Kind::TooBig
+                                         : ConnectionProblem::Kind::Unreadable,
+                                     event.problem, event.code),
+                   SocketEnd::Linger);
             return;
         }
     }
@@ -236,18 +240,22 @@ void WebSocketConnection::abort() {
     dropSocket();
 }
 
-void WebSocketConnection::dropSocket() {
+QTcpSocket* WebSocketConnection::detachSocket() {
     if (m_closeTimer) {
         m_closeTimer->stop();
     }
-    if (!m_socket) {
-        return;
+    QTcpSocket* socket = std::exchange(m_socket, nullptr);
+    if (socket) {
+        QObject::disconnect(socket, nullptr, this, nullptr);
     }
-    QTcpSocket* socket = m_socket;
-    m_socket = nullptr;
-    QObject::disconnect(socket, nullptr, this, nullptr);
-    socket->abort();
-    socket->deleteLater();
+    return socket;
+}
+
+void WebSocketConnection::dropSocket() {
+    if (QTcpSocket* socket = detachSocket()) {
+        socket->abort();
+        socket->deleteLater();
+    }
 }
 
 ConnectionProblem WebSocketConnection::describeSocketError() const {
@@ -293,38 +301,28 @@ void WebSocketConnection::socketFailed() {
     finish(describeSocketError());
 }
 
-void WebSocketConnection::finish(const ConnectionProblem& problem) {
+void WebSocketConnection::finish(const ConnectionProblem& problem, SocketEnd socketEnd) {
     if (m_state == State::Ended) {
         return;
     }
     m_state = State::Ended;
-    dropSocket();
-    emit ended(problem);
-}
-
-void WebSocketConnection::endAfterClose(const ConnectionProblem& problem) {
-    if (m_state == State::Ended) {
-        return;
+    if (socketEnd == SocketEnd::Linger) {
+        lingerSocket();
+    } else {
+        dropSocket();
     }
-    m_state = State::Ended;
-    lingerSocket();
     emit ended(problem);
 }
 
 void WebSocketConnection::lingerSocket() {
-    if (m_closeTimer) {
-        m_closeTimer->stop();
-    }
-    if (!m_socket) {
+    QTcpSocket* socket = detachSocket();
+    if (!socket) {
         return;
     }
     // The close frame waits behind whatever was still being written. Dropping the socket now
     // would lose both, and closing it with bytes unread makes the system reset the connection.
     // So it stays, on its own (this object may go at once), reading and discarding, until the
     // server ends the connection, as it should first, or the grace period is over.
-    QTcpSocket* socket = m_socket;
-    m_socket = nullptr;
-    QObject::disconnect(socket, nullptr, this, nullptr);
     socket->setParent(nullptr);
     socket->flush();
     const auto discard = [socket] { socket->skip(socket->bytesAvailable()); };

@@ -75,13 +75,17 @@ private:
     void readAvailable();
     void handleEvents(const QList<WebSocketFramer::Event>& events);
     void socketFailed();
-    void finish(const ConnectionProblem& problem);
-    void endAfterClose(const ConnectionProblem& problem);
+    // How the socket goes when the connection ends: dropped at once, or left to deliver what
+    // is still queued (a close frame) while the server finishes its side.
+    enum class SocketEnd { Drop, Linger };
+    void finish(const ConnectionProblem& problem, SocketEnd socketEnd = SocketEnd::Drop);
     void lingerSocket();
     void finishLater(const ConnectionProblem& problem);
     void write(WebSocketFramer::Opcode opcode, QByteArrayView payload);
     ConnectionProblem describeSocketError() const;
     void dropSocket();
+    // Stops the close timer and takes the socket from this connection; null when there is none.
+    QTcpSocket* detachSocket();
 
     QNetworkProxy m_proxy = QNetworkProxy(QNetworkProxy::NoProxy);
     // Unset: Qt's default, made only for a wss: connection.

@@ -89,6 +89,16 @@ bool numericId(const QString& id) {
            id == QString::number(id.toLongLong());
 }
 
+// A record of a write happening now to `realPath`, asked for as `agentPath`.
+VersionRecord recordNow(const QString& id, const QString& agentPath, const QByteArray& realPath) {
+    VersionRecord record;
+    record.id = id;
+    record.time = QDateTime::currentDateTimeUtc();
+    record.agentPath = agentPath;
+    record.realPath = realPath;
+    return record;
+}
+
 } // namespace
 
 VersionStore::VersionStore(QString directory, Budget budget)
@@ -222,11 +232,7 @@ VersionStore::Kept VersionStore::keep(const QString& agentPath, const QByteArray
         qCWarning(lcVersions) << "no version kept:" << systemError(error);
         return Kept{QString(), systemError(error)};
     }
-    VersionRecord record;
-    record.id = id;
-    record.time = QDateTime::currentDateTimeUtc();
-    record.agentPath = agentPath;
-    record.realPath = realPath;
+    VersionRecord record = recordNow(id, agentPath, realPath);
     record.size = copied;
     record.before = before;
     if (!save(record, problem)) {
@@ -245,11 +251,7 @@ VersionStore::Kept VersionStore::recordCreated(const QString& agentPath, const Q
     }
     QString problem;
     const QString id = reserve(problem);
-    VersionRecord record;
-    record.id = id;
-    record.time = QDateTime::currentDateTimeUtc();
-    record.agentPath = agentPath;
-    record.realPath = realPath;
+    VersionRecord record = recordNow(id, agentPath, realPath);
     record.created = true;
     record.after = after;
     if (id.isEmpty() || !save(record, problem)) {
