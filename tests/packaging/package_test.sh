@@ -206,6 +206,8 @@ check_package_fields() { # deb
         fail "Recommends lacks fonts-noto-color-emoji"
     grep -q "gnome-keyring" <<<"$(dpkg-deb -f "$deb" Recommends)" ||
         fail "Recommends lacks a secret store"
+    grep -q "xdg-desktop-portal" <<<"$(dpkg-deb -f "$deb" Recommends)" ||
+        fail "Recommends lacks the desktop portal (the desktop's folder chooser)"
 }
 
 check_contents() {
