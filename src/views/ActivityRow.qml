@@ -50,20 +50,20 @@ Card {
     }
 
     objectName: "activityRow"
-    padding: 10
+    padding: Theme.px(10)
     leftPadding: 12
-    rightPadding: 12
+    rightPadding: Theme.px(12)
     Accessible.role: Accessible.ListItem
     Accessible.name: toolLabel + " " + (subject.length > 0 ? subject : "") + ", " + outcomeWords
                      + ", " + timeText + (detail.length > 0 ? ", " + detail : "")
 
     contentItem: RowLayout {
-        spacing: 10
+        spacing: Theme.px(10)
 
         Symbol {
             objectName: "activityOutcomeSymbol"
             Layout.alignment: Qt.AlignTop
-            Layout.topMargin: 1
+            Layout.topMargin: Theme.px(1)
             name: row.failed ? "exclamationmark.circle.fill"
                              : row.declined ? "nosign" : "checkmark.circle.fill"
             size: 14
@@ -71,17 +71,17 @@ Card {
         }
         ColumnLayout {
             Layout.fillWidth: true
-            spacing: 3
+            spacing: Theme.px(3)
 
             RowLayout {
                 Layout.fillWidth: true
-                spacing: 6
+                spacing: Theme.px(6)
 
                 Text {
                     objectName: "activityTool"
                     text: row.toolLabel
                     color: Theme.primary
-                    font.pixelSize: 13
+                    font.pixelSize: Theme.px(13)
                     font.weight: Font.DemiBold
                 }
                 Text {
@@ -91,7 +91,7 @@ Card {
                     // An agent's path is text, never markup.
                     textFormat: Text.PlainText
                     color: Theme.alpha(Theme.primary, 0.8)
-                    font.pixelSize: 13
+                    font.pixelSize: Theme.px(13)
                     elide: Text.ElideMiddle
                     maximumLineCount: 1
                 }
@@ -99,7 +99,7 @@ Card {
                     objectName: "activityTime"
                     text: row.timeText
                     color: Theme.secondary
-                    font.pixelSize: 11
+                    font.pixelSize: Theme.px(11)
                 }
             }
             Text {
@@ -109,20 +109,20 @@ Card {
                 text: row.detail
                 textFormat: Text.PlainText
                 color: row.failed ? Theme.red : row.declined ? Theme.amber : Theme.secondary
-                font.pixelSize: 11
+                font.pixelSize: Theme.px(11)
                 wrapMode: Text.Wrap
                 maximumLineCount: 3
                 elide: Text.ElideRight
             }
             PillButton {
                 objectName: "restoreButton"
-                Layout.topMargin: 3
+                Layout.topMargin: Theme.px(3)
                 visible: row.restorable
                 enabled: !row.restoring
                 symbol: "arrow.uturn.backward"
                 text: row.restoring ? qsTr("Restoring…") : qsTr("Restore previous version")
                 pixelSize: 11
-                implicitHeight: 24
+                implicitHeight: Theme.px(24)
                 Accessible.name: qsTr("Restore previous version of %1").arg(row.subject)
                 onClicked: row.restoreRequested()
             }

@@ -17,7 +17,7 @@ Item {
     }
 
     implicitWidth: 460
-    implicitHeight: 600
+    implicitHeight: Theme.px(600)
 
     ActivityListModel {
         id: activity
@@ -25,12 +25,12 @@ Item {
 
     ColumnLayout {
         anchors.fill: parent
-        anchors.margins: 24
+        anchors.margins: Theme.px(24)
         spacing: 12
 
         RowLayout {
             Layout.fillWidth: true
-            spacing: 12
+            spacing: Theme.px(12)
 
             PillButton {
                 id: backButton
@@ -45,7 +45,7 @@ Item {
                 Layout.fillWidth: true
                 text: qsTr("Recent activity")
                 color: Theme.primary
-                font.pixelSize: 17
+                font.pixelSize: Theme.px(17)
                 font.bold: true
                 elide: Text.ElideRight
             }
@@ -54,7 +54,7 @@ Item {
             Layout.fillWidth: true
             text: qsTr("What agents did in your shared folders since Quillmar OS started, newest first.")
             color: Theme.secondary
-            font.pixelSize: 12
+            font.pixelSize: Theme.px(12)
             wrapMode: Text.WordWrap
         }
 
@@ -64,7 +64,7 @@ Item {
             objectName: "restoreNotice"
             Layout.fillWidth: true
             visible: activity.notice.length > 0
-            padding: 10
+            padding: Theme.px(10)
             leftPadding: 12
 
             readonly property color tint: activity.noticeIsError ? Theme.red : Theme.brand
@@ -76,11 +76,11 @@ Item {
                 border.color: Theme.alpha(notice.tint, 0.35)
             }
             contentItem: RowLayout {
-                spacing: 8
+                spacing: Theme.px(8)
 
                 Symbol {
                     Layout.alignment: Qt.AlignTop
-                    Layout.topMargin: 1
+                    Layout.topMargin: Theme.px(1)
                     name: activity.noticeIsError ? "exclamationmark.circle.fill"
                                                  : "checkmark.circle.fill"
                     size: 14
@@ -92,7 +92,7 @@ Item {
                     text: activity.notice
                     textFormat: Text.PlainText
                     color: activity.noticeIsError ? Theme.red : Theme.primary
-                    font.pixelSize: 12
+                    font.pixelSize: Theme.px(12)
                     wrapMode: Text.Wrap
                     Accessible.role: Accessible.AlertMessage
                     Accessible.name: text
@@ -116,7 +116,7 @@ Item {
             visible: activity.count === 0
 
             contentItem: RowLayout {
-                spacing: 8
+                spacing: Theme.px(8)
 
                 Symbol {
                     name: "clock.arrow.circlepath"
@@ -128,7 +128,7 @@ Item {
                     Layout.fillWidth: true
                     text: qsTr("Nothing yet. When an agent reads, lists, searches or writes files in a shared folder, it shows up here.")
                     color: Theme.secondary
-                    font.pointSize: Typography.points(12.5)
+                    font.pointSize: Typography.points(12.5 * Theme.scale)
                     wrapMode: Text.WordWrap
                 }
             }
@@ -145,10 +145,12 @@ Item {
             Layout.fillHeight: true
             visible: activity.count > 0
             model: activity
-            spacing: 6
+            spacing: Theme.px(6)
             clip: true
             boundsBehavior: Flickable.StopAtBounds
-            ScrollBar.vertical: ScrollBar {}
+            ScrollBar.vertical: ScrollBar {
+                policy: list.contentHeight > list.height ? ScrollBar.AlwaysOn : ScrollBar.AsNeeded
+            }
             Accessible.role: Accessible.List
             Accessible.name: qsTr("Recent activity")
 
@@ -164,7 +166,7 @@ Item {
             Layout.fillWidth: true
             text: qsTr("Kept in memory only, and cleared when Quillmar OS quits.")
             color: Theme.secondary
-            font.pixelSize: 11
+            font.pixelSize: Theme.px(11)
             wrapMode: Text.WordWrap
         }
     }

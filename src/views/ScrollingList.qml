@@ -1,0 +1,45 @@
+import QtQuick
+import QtQuick.Controls.Basic
+import QtQuick.Layouts
+
+// A vertical list of rows (its children, each with Layout.fillWidth) that scrolls once they do
+// not fit, with its scroll bar shown all the while, and brings a row into view when the keyboard
+// reaches it (reveal()). Every row is made, so Tab reaches each one.
+Flickable {
+    id: list
+
+    default property alias rows: column.data
+    property alias spacing: column.spacing
+    readonly property bool overflows: contentHeight > height + 0.5
+    readonly property alias scrollBar: bar
+
+    // Scrolls as little as needed for `row`, an item of the list, to be seen whole.
+    function reveal(row) {
+        const top = row.mapToItem(column, 0, 0).y
+        const bottom = top + row.height
+        if (top < contentY)
+            contentY = Math.max(0, top)
+        else if (bottom > contentY + height)
+            contentY = Math.min(bottom - height, contentHeight - height)
+    }
+
+    implicitHeight: contentHeight
+    contentWidth: width
+    contentHeight: column.implicitHeight
+    clip: true
+    boundsBehavior: Flickable.StopAtBounds
+    flickableDirection: Flickable.VerticalFlick
+    Accessible.role: Accessible.List
+
+    ScrollBar.vertical: ScrollBar {
+        id: bar
+        objectName: "listScrollBar"
+        policy: list.overflows ? ScrollBar.AlwaysOn : ScrollBar.AsNeeded
+    }
+
+    ColumnLayout {
+        id: column
+        width: list.width - (list.overflows ? bar.width + Theme.px(4) : 0)
+        spacing: Theme.px(8)
+    }
+}
