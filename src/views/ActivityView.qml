@@ -26,7 +26,7 @@ Item {
     ColumnLayout {
         anchors.fill: parent
         anchors.margins: Theme.px(24)
-        spacing: 12
+        spacing: Theme.px(12)
 
         RowLayout {
             Layout.fillWidth: true
@@ -48,6 +48,8 @@ Item {
                 font.pixelSize: Theme.px(17)
                 font.bold: true
                 elide: Text.ElideRight
+                Accessible.role: Accessible.StaticText
+                Accessible.name: text
             }
         }
         Text {
@@ -56,6 +58,8 @@ Item {
             color: Theme.secondary
             font.pixelSize: Theme.px(12)
             wrapMode: Text.WordWrap
+            Accessible.role: Accessible.StaticText
+            Accessible.name: text
         }
 
         // The outcome of the last restore, until dismissed or the next one starts.
@@ -65,7 +69,7 @@ Item {
             Layout.fillWidth: true
             visible: activity.notice.length > 0
             padding: Theme.px(10)
-            leftPadding: 12
+            leftPadding: Theme.px(12)
 
             readonly property color tint: activity.noticeIsError ? Theme.red : Theme.brand
 
@@ -130,6 +134,8 @@ Item {
                     color: Theme.secondary
                     font.pointSize: Typography.points(12.5 * Theme.scale)
                     wrapMode: Text.WordWrap
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
                 }
             }
         }
@@ -150,6 +156,7 @@ Item {
             boundsBehavior: Flickable.StopAtBounds
             ScrollBar.vertical: ScrollBar {
                 policy: list.contentHeight > list.height ? ScrollBar.AlwaysOn : ScrollBar.AsNeeded
+                Accessible.name: qsTr("Recent activity")
             }
             Accessible.role: Accessible.List
             Accessible.name: qsTr("Recent activity")
@@ -168,6 +175,8 @@ Item {
             color: Theme.secondary
             font.pixelSize: Theme.px(11)
             wrapMode: Text.WordWrap
+            Accessible.role: Accessible.StaticText
+            Accessible.name: text
         }
     }
 }

@@ -37,6 +37,8 @@ RowLayout {
             font.pixelSize: Theme.px(13)
             font.weight: Font.DemiBold
             wrapMode: Text.WordWrap
+            Accessible.role: Accessible.StaticText
+            Accessible.name: text
         }
         Text {
             Layout.fillWidth: true
@@ -44,6 +46,8 @@ RowLayout {
             color: Theme.secondary
             font.pixelSize: Theme.px(11)
             wrapMode: Text.WordWrap
+            Accessible.role: Accessible.StaticText
+            Accessible.name: text
         }
     }
 }

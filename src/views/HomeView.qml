@@ -70,6 +70,7 @@ FocusScope {
                     font.bold: true
                     elide: Text.ElideRight
                     Accessible.role: Accessible.Heading
+                    Accessible.name: text
                 }
                 RowLayout {
                     Layout.fillWidth: true
@@ -89,6 +90,8 @@ FocusScope {
                         color: Theme.secondary
                         font.pixelSize: Theme.px(12)
                         elide: Text.ElideRight
+                        Accessible.role: Accessible.StaticText
+                        Accessible.name: text
                     }
                 }
             }
@@ -155,6 +158,8 @@ FocusScope {
                         color: Theme.secondary
                         font.pointSize: Typography.points(12.5 * Theme.scale)
                         wrapMode: Text.WordWrap
+                        Accessible.role: Accessible.StaticText
+                        Accessible.name: text
                     }
                     // Why it is not connected, when the bridge knows.
                     Text {
@@ -234,6 +239,8 @@ FocusScope {
                         color: Theme.secondary
                         font.pointSize: Typography.points(12.5 * Theme.scale)
                         wrapMode: Text.WordWrap
+                        Accessible.role: Accessible.StaticText
+                        Accessible.name: text
                     }
                 }
             }
@@ -293,6 +300,8 @@ FocusScope {
                             font.pixelSize: Theme.px(13)
                             font.weight: Font.Medium
                             wrapMode: Text.WordWrap
+                            Accessible.role: Accessible.StaticText
+                            Accessible.name: text
                         }
                         Text {
                             objectName: "approvalNote"
@@ -301,6 +310,8 @@ FocusScope {
                             color: Theme.secondary
                             font.pixelSize: Theme.px(11)
                             wrapMode: Text.WordWrap
+                            Accessible.role: Accessible.StaticText
+                            Accessible.name: text
                         }
                     }
                     BrandSwitch {

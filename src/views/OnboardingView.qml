@@ -139,6 +139,7 @@ FocusScope {
                     font.pixelSize: Theme.px(26)
                     font.bold: true
                     Accessible.role: Accessible.Heading
+                    Accessible.name: text
                 }
                 Text {
                     objectName: "welcomeSubtitle"
@@ -151,6 +152,8 @@ FocusScope {
                     font.pixelSize: Theme.px(13)
                     horizontalAlignment: Text.AlignHCenter
                     wrapMode: Text.WordWrap
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
                 }
             }
             FeatureRow {
@@ -191,6 +194,8 @@ FocusScope {
                     font.pixelSize: Theme.px(12)
                     horizontalAlignment: Text.AlignHCenter
                     wrapMode: Text.WordWrap
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
                 }
                 SecondaryButton {
                     objectName: "keyringRetryButton"
@@ -298,6 +303,8 @@ FocusScope {
                     text: qsTr("No folders shared yet")
                     color: Theme.secondary
                     font.pixelSize: Theme.px(12)
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
                 }
             }
             ScrollingList {
@@ -373,6 +380,7 @@ FocusScope {
                     font.pixelSize: Theme.px(24)
                     font.bold: true
                     Accessible.role: Accessible.Heading
+                    Accessible.name: text
                 }
                 Text {
                     objectName: "doneMessage"
@@ -382,6 +390,8 @@ FocusScope {
                     font.pixelSize: Theme.px(13)
                     horizontalAlignment: Text.AlignHCenter
                     wrapMode: Text.WordWrap
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
                 }
             }
             PrimaryButton {

@@ -35,6 +35,7 @@ Flickable {
         id: bar
         objectName: "listScrollBar"
         policy: list.overflows ? ScrollBar.AlwaysOn : ScrollBar.AsNeeded
+        Accessible.name: list.Accessible.name
     }
 
     ColumnLayout {

@@ -6,4 +6,6 @@ Text {
     font.pixelSize: Theme.px(11)
     font.weight: Font.DemiBold
     font.letterSpacing: 0.6
+    Accessible.role: Accessible.StaticText
+    Accessible.name: text
 }

@@ -26,6 +26,7 @@ ColumnLayout {
         horizontalAlignment: Text.AlignHCenter
         wrapMode: Text.WordWrap
         Accessible.role: Accessible.Heading
+        Accessible.name: text
     }
     Text {
         Layout.fillWidth: true
@@ -34,5 +35,7 @@ ColumnLayout {
         font.pixelSize: Theme.px(12)
         horizontalAlignment: Text.AlignHCenter
         wrapMode: Text.WordWrap
+        Accessible.role: Accessible.StaticText
+        Accessible.name: text
     }
 }
