@@ -155,7 +155,8 @@ Item {
             clip: true
             boundsBehavior: Flickable.StopAtBounds
             ScrollBar.vertical: ScrollBar {
-                policy: list.contentHeight > list.height ? ScrollBar.AlwaysOn : ScrollBar.AsNeeded
+                policy: ScrollBar.AlwaysOn
+                visible: list.contentHeight > list.height
                 Accessible.name: qsTr("Recent activity")
             }
             Accessible.role: Accessible.List

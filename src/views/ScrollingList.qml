@@ -34,7 +34,9 @@ Flickable {
     ScrollBar.vertical: ScrollBar {
         id: bar
         objectName: "listScrollBar"
-        policy: list.overflows ? ScrollBar.AlwaysOn : ScrollBar.AsNeeded
+        // Shown all the while there is more to see, and not at all otherwise.
+        policy: ScrollBar.AlwaysOn
+        visible: list.overflows
         Accessible.name: list.Accessible.name
     }
 

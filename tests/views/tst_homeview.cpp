@@ -187,9 +187,7 @@ private slots:
         const QRectF viewport(list->mapToScene(QPointF()), list->size());
         QStringList reached;
         for (int i = 0; i < 40 && reached.size() < 10; ++i) {
-            QTest::keyClick(harness.window(), Qt::Key_Tab);
-            ViewHarness::settle();
-            QQuickItem* focused = harness.window()->activeFocusItem();
+            QQuickItem* focused = harness.tab();
             if (!focused || focused->objectName() != QStringLiteral("removeFolderButton")) {
                 continue;
             }
@@ -215,13 +213,10 @@ private slots:
         harness.addFolder(QStringLiteral("Alpha"));
         QStringList order;
         for (int i = 0; i < 7; ++i) {
-            QTest::keyClick(harness.window(), Qt::Key_Tab);
-            ViewHarness::settle();
-            QQuickItem* focused = harness.window()->activeFocusItem();
+            QQuickItem* focused = harness.tab();
             QVERIFY(focused);
             order.append(focused->objectName());
-            QQuickItem* ring = ViewHarness::find(focused, QStringLiteral("focusRing"));
-            QVERIFY2(ring && ring->isVisible(), qPrintable(order.last()));
+            QVERIFY2(ViewHarness::showsFocusRing(focused), qPrintable(order.last()));
         }
         QCOMPARE(order,
                  QStringList({QStringLiteral("activityButton"), QStringLiteral("pauseButton"),
