@@ -22,7 +22,8 @@ Item {
     implicitHeight: card.implicitHeight
     // On this item, not the card: a control sets its own role when assistive technology starts.
     Accessible.role: Accessible.ListItem
-    Accessible.name: qsTr("%1, %2").arg(name).arg(path)
+    // Joined, not put into a translated pattern: a folder name may itself hold "%2".
+    Accessible.name: name + ", " + path
 
     Card {
         id: card
