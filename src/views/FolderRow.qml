@@ -15,8 +15,6 @@ Item {
     property bool showsAccess: false
 
     signal removeRequested
-    // A control of the row got the keyboard focus; the list scrolls it into view.
-    signal revealRequested
     signal accessChosen(bool readOnly)
 
     implicitHeight: card.implicitHeight
@@ -81,10 +79,6 @@ Item {
                     row.accessChosen(checked)
                     checked = Qt.binding(() => row.readOnly)
                 }
-                onActiveFocusChanged: {
-                    if (activeFocus)
-                        row.revealRequested()
-                }
             }
             PlainButton {
                 id: removeButton
@@ -97,10 +91,6 @@ Item {
                 ToolTip.visible: hovered && row.showsAccess
                 ToolTip.delay: 600
                 onClicked: row.removeRequested()
-                onActiveFocusChanged: {
-                    if (activeFocus)
-                        row.revealRequested()
-                }
             }
         }
     }

@@ -265,7 +265,6 @@ FocusScope {
                         showsAccess: true
                         onAccessChosen: readOnly => AppState.setFolderReadOnlyById(folderCard.folderId, readOnly)
                         onRemoveRequested: AppState.removeFolderById(folderCard.folderId)
-                        onRevealRequested: folderList.reveal(folderCard)
                     }
                 }
             }

@@ -1,5 +1,4 @@
 import QtQuick
-import QtQuick.Controls.Basic
 import QtQuick.Layouts
 import Quillmar.Views
 
@@ -326,7 +325,6 @@ FocusScope {
                         id: folderRow
                         Layout.fillWidth: true
                         onRemoveRequested: AppState.removeFolderById(folderRow.folderId)
-                        onRevealRequested: folderList.reveal(folderRow)
                     }
                 }
             }

@@ -4,7 +4,7 @@ import QtQuick.Layouts
 
 // A vertical list of rows (its children, each with Layout.fillWidth) that scrolls once they do
 // not fit, with its scroll bar shown all the while, and brings a row into view when the keyboard
-// reaches it (reveal()). Every row is made, so Tab reaches each one.
+// reaches a control in it. Every row is made, so Tab reaches each one.
 Flickable {
     id: list
 
@@ -23,6 +23,16 @@ Flickable {
             contentY = Math.min(bottom - height, contentHeight - height)
     }
 
+    // The row that holds `item`, or null when it is not in the list.
+    function rowOf(item) {
+        for (let depth = 0; item && depth < 64; ++depth) {
+            if (item.parent === column)
+                return item
+            item = item.parent
+        }
+        return null
+    }
+
     implicitHeight: contentHeight
     contentWidth: width
     contentHeight: column.implicitHeight
@@ -38,6 +48,15 @@ Flickable {
         policy: ScrollBar.AlwaysOn
         visible: list.overflows
         Accessible.name: list.Accessible.name
+    }
+
+    Connections {
+        target: list.Window.window
+        function onActiveFocusItemChanged() {
+            const row = list.rowOf(list.Window.activeFocusItem)
+            if (row)
+                list.reveal(row)
+        }
     }
 
     ColumnLayout {

@@ -405,6 +405,11 @@ int main(int argc, char* argv[]) {
     addLocalAgentActivity(state);
     tour.shoot(QStringLiteral("19-activity-local-agents"));
     QMetaObject::invokeMethod(homeView, "showHome", Q_ARG(QVariant, QVariant(false)));
+    // As after Tab: the focus ring on the first folder's access.
+    if (QQuickItem* toggle = tour.item(QStringLiteral("accessToggle"))) {
+        toggle->forceActiveFocus(Qt::TabFocusReason);
+    }
+    tour.shoot(QStringLiteral("20-home-keyboard-focus"));
 
     state.unpair();
     tour.shoot(QStringLiteral("13-after-unpair"));
