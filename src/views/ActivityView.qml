@@ -19,6 +19,9 @@ Item {
     implicitWidth: 460
     implicitHeight: Theme.px(600)
 
+    // Escape goes back, as the Home button does.
+    Keys.onEscapePressed: page.back(true)
+
     ActivityListModel {
         id: activity
     }
