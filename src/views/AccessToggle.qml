@@ -13,9 +13,9 @@ AbstractButton {
 
     checkable: true
     text: checked ? qsTr("Read only") : qsTr("Read & write")
-    implicitHeight: 24
+    implicitHeight: Math.max(Theme.px(24), label.implicitHeight + Theme.px(8))
     // As wide as the longer text, so that the rows' paths line up whatever their access.
-    implicitWidth: Math.max(readOnlyMetrics.advanceWidth, readWriteMetrics.advanceWidth) + 34
+    implicitWidth: Math.max(readOnlyMetrics.advanceWidth, readWriteMetrics.advanceWidth) + Theme.px(34)
     focusPolicy: Qt.StrongFocus
     hoverEnabled: true
     opacity: down ? 0.7 : 1
@@ -35,21 +35,19 @@ AbstractButton {
 
     TextMetrics {
         id: readOnlyMetrics
-        font.pixelSize: 11
-        font.weight: Font.Medium
+        font: label.font
         text: qsTr("Read only")
     }
     TextMetrics {
         id: readWriteMetrics
-        font.pixelSize: 11
-        font.weight: Font.Medium
+        font: label.font
         text: qsTr("Read & write")
     }
 
     contentItem: Item {
         Row {
             anchors.centerIn: parent
-            spacing: 4
+            spacing: Theme.px(4)
 
             Symbol {
                 anchors.verticalCenter: parent.verticalCenter
@@ -58,11 +56,12 @@ AbstractButton {
                 color: toggle.tint
             }
             Text {
+                id: label
                 objectName: "accessText"
                 anchors.verticalCenter: parent.verticalCenter
                 text: toggle.text
                 color: toggle.tint
-                font.pixelSize: 11
+                font.pixelSize: Theme.px(11)
                 font.weight: Font.Medium
             }
         }
@@ -72,9 +71,12 @@ AbstractButton {
         radius: height / 2
         color: toggle.checked ? Theme.alpha(Theme.amber, toggle.hovered ? 0.18 : 0.12)
                               : Theme.alpha(Theme.primary, toggle.hovered ? 0.07 : 0.04)
-        border.width: toggle.visualFocus ? 2 : 1
-        border.color: toggle.visualFocus ? Theme.brandDeep
-                                         : toggle.checked ? Theme.alpha(Theme.amber, 0.35)
-                                                          : Theme.alpha(Theme.primary, 0.1)
+        border.width: 1
+        border.color: toggle.checked ? Theme.alpha(Theme.amber, 0.35) : Theme.alpha(Theme.primary, 0.1)
+
+        FocusRing {
+            shown: toggle.visualFocus
+            radius: height / 2
+        }
     }
 }

@@ -5,7 +5,7 @@ import Quillmar.Views
 
 // One call an agent made: how it ended (symbol and colour), what and where, when, and for a
 // write whose previous version was kept, the way to put that version back.
-Card {
+Item {
     id: row
 
     required property int index
@@ -50,81 +50,88 @@ Card {
     }
 
     objectName: "activityRow"
-    padding: 10
-    leftPadding: 12
-    rightPadding: 12
+    implicitHeight: card.implicitHeight
+    // On this item, not the card: a control sets its own role when assistive technology starts.
     Accessible.role: Accessible.ListItem
     Accessible.name: toolLabel + " " + (subject.length > 0 ? subject : "") + ", " + outcomeWords
                      + ", " + timeText + (detail.length > 0 ? ", " + detail : "")
 
-    contentItem: RowLayout {
-        spacing: 10
+    Card {
+        id: card
+        width: row.width
+        padding: Theme.px(10)
+        leftPadding: Theme.px(12)
+        rightPadding: Theme.px(12)
 
-        Symbol {
-            objectName: "activityOutcomeSymbol"
-            Layout.alignment: Qt.AlignTop
-            Layout.topMargin: 1
-            name: row.failed ? "exclamationmark.circle.fill"
-                             : row.declined ? "nosign" : "checkmark.circle.fill"
-            size: 14
-            color: row.outcomeColor
-        }
-        ColumnLayout {
-            Layout.fillWidth: true
-            spacing: 3
+        contentItem: RowLayout {
+            spacing: Theme.px(10)
 
-            RowLayout {
+            Symbol {
+                objectName: "activityOutcomeSymbol"
+                Layout.alignment: Qt.AlignTop
+                Layout.topMargin: Theme.px(1)
+                name: row.failed ? "exclamationmark.circle.fill"
+                                 : row.declined ? "nosign" : "checkmark.circle.fill"
+                size: 14
+                color: row.outcomeColor
+            }
+            ColumnLayout {
                 Layout.fillWidth: true
-                spacing: 6
+                spacing: Theme.px(3)
 
-                Text {
-                    objectName: "activityTool"
-                    text: row.toolLabel
-                    color: Theme.primary
-                    font.pixelSize: 13
-                    font.weight: Font.DemiBold
-                }
-                Text {
-                    objectName: "activitySubject"
+                RowLayout {
                     Layout.fillWidth: true
-                    text: row.subject.length > 0 ? row.subject : "\u2014"
-                    // An agent's path is text, never markup.
-                    textFormat: Text.PlainText
-                    color: Theme.alpha(Theme.primary, 0.8)
-                    font.pixelSize: 13
-                    elide: Text.ElideMiddle
-                    maximumLineCount: 1
+                    spacing: Theme.px(6)
+
+                    Text {
+                        objectName: "activityTool"
+                        text: row.toolLabel
+                        color: Theme.primary
+                        font.pixelSize: Theme.px(13)
+                        font.weight: Font.DemiBold
+                    }
+                    Text {
+                        objectName: "activitySubject"
+                        Layout.fillWidth: true
+                        text: row.subject.length > 0 ? row.subject : "\u2014"
+                        // An agent's path is text, never markup.
+                        textFormat: Text.PlainText
+                        color: Theme.alpha(Theme.primary, 0.8)
+                        font.pixelSize: Theme.px(13)
+                        elide: Text.ElideMiddle
+                        maximumLineCount: 1
+                    }
+                    Text {
+                        objectName: "activityTime"
+                        text: row.timeText
+                        color: Theme.secondary
+                        font.pixelSize: Theme.px(11)
+                    }
                 }
                 Text {
-                    objectName: "activityTime"
-                    text: row.timeText
-                    color: Theme.secondary
-                    font.pixelSize: 11
+                    objectName: "activityDetail"
+                    Layout.fillWidth: true
+                    visible: text.length > 0
+                    text: row.detail
+                    textFormat: Text.PlainText
+                    color: row.failed ? Theme.red : row.declined ? Theme.amber : Theme.secondary
+                    font.pixelSize: Theme.px(11)
+                    wrapMode: Text.Wrap
+                    maximumLineCount: 3
+                    elide: Text.ElideRight
                 }
-            }
-            Text {
-                objectName: "activityDetail"
-                Layout.fillWidth: true
-                visible: text.length > 0
-                text: row.detail
-                textFormat: Text.PlainText
-                color: row.failed ? Theme.red : row.declined ? Theme.amber : Theme.secondary
-                font.pixelSize: 11
-                wrapMode: Text.Wrap
-                maximumLineCount: 3
-                elide: Text.ElideRight
-            }
-            PillButton {
-                objectName: "restoreButton"
-                Layout.topMargin: 3
-                visible: row.restorable
-                enabled: !row.restoring
-                symbol: "arrow.uturn.backward"
-                text: row.restoring ? qsTr("Restoring…") : qsTr("Restore previous version")
-                pixelSize: 11
-                implicitHeight: 24
-                Accessible.name: qsTr("Restore previous version of %1").arg(row.subject)
-                onClicked: row.restoreRequested()
+                PillButton {
+                    objectName: "restoreButton"
+                    Layout.topMargin: Theme.px(3)
+                    visible: row.restorable
+                    enabled: !row.restoring
+                    symbol: "arrow.uturn.backward"
+                    text: row.restoring ? qsTr("Restoring…") : qsTr("Restore previous version")
+                    pixelSize: 11
+                    implicitHeight: Theme.px(24)
+                    Accessible.name: qsTr("Restore previous version of %1").arg(row.subject)
+                    onClicked: row.restoreRequested()
+                }
             }
         }
     }

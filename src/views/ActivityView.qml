@@ -17,7 +17,10 @@ Item {
     }
 
     implicitWidth: 460
-    implicitHeight: 600
+    implicitHeight: Theme.px(600)
+
+    // Escape goes back, as the Home button does.
+    Keys.onEscapePressed: page.back(true)
 
     ActivityListModel {
         id: activity
@@ -25,12 +28,12 @@ Item {
 
     ColumnLayout {
         anchors.fill: parent
-        anchors.margins: 24
-        spacing: 12
+        anchors.margins: Theme.px(24)
+        spacing: Theme.px(12)
 
         RowLayout {
             Layout.fillWidth: true
-            spacing: 12
+            spacing: Theme.px(12)
 
             PillButton {
                 id: backButton
@@ -45,17 +48,21 @@ Item {
                 Layout.fillWidth: true
                 text: qsTr("Recent activity")
                 color: Theme.primary
-                font.pixelSize: 17
+                font.pixelSize: Theme.px(17)
                 font.bold: true
                 elide: Text.ElideRight
+                Accessible.role: Accessible.StaticText
+                Accessible.name: text
             }
         }
         Text {
             Layout.fillWidth: true
             text: qsTr("What agents did in your shared folders since Quillmar OS started, newest first.")
             color: Theme.secondary
-            font.pixelSize: 12
+            font.pixelSize: Theme.px(12)
             wrapMode: Text.WordWrap
+            Accessible.role: Accessible.StaticText
+            Accessible.name: text
         }
 
         // The outcome of the last restore, until dismissed or the next one starts.
@@ -64,8 +71,8 @@ Item {
             objectName: "restoreNotice"
             Layout.fillWidth: true
             visible: activity.notice.length > 0
-            padding: 10
-            leftPadding: 12
+            padding: Theme.px(10)
+            leftPadding: Theme.px(12)
 
             readonly property color tint: activity.noticeIsError ? Theme.red : Theme.brand
 
@@ -76,11 +83,11 @@ Item {
                 border.color: Theme.alpha(notice.tint, 0.35)
             }
             contentItem: RowLayout {
-                spacing: 8
+                spacing: Theme.px(8)
 
                 Symbol {
                     Layout.alignment: Qt.AlignTop
-                    Layout.topMargin: 1
+                    Layout.topMargin: Theme.px(1)
                     name: activity.noticeIsError ? "exclamationmark.circle.fill"
                                                  : "checkmark.circle.fill"
                     size: 14
@@ -92,7 +99,7 @@ Item {
                     text: activity.notice
                     textFormat: Text.PlainText
                     color: activity.noticeIsError ? Theme.red : Theme.primary
-                    font.pixelSize: 12
+                    font.pixelSize: Theme.px(12)
                     wrapMode: Text.Wrap
                     Accessible.role: Accessible.AlertMessage
                     Accessible.name: text
@@ -116,7 +123,7 @@ Item {
             visible: activity.count === 0
 
             contentItem: RowLayout {
-                spacing: 8
+                spacing: Theme.px(8)
 
                 Symbol {
                     name: "clock.arrow.circlepath"
@@ -128,8 +135,10 @@ Item {
                     Layout.fillWidth: true
                     text: qsTr("Nothing yet. When an agent reads, lists, searches or writes files in a shared folder, it shows up here.")
                     color: Theme.secondary
-                    font.pointSize: Typography.points(12.5)
+                    font.pointSize: Typography.points(12.5 * Theme.scale)
                     wrapMode: Text.WordWrap
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
                 }
             }
         }
@@ -145,10 +154,14 @@ Item {
             Layout.fillHeight: true
             visible: activity.count > 0
             model: activity
-            spacing: 6
+            spacing: Theme.px(6)
             clip: true
             boundsBehavior: Flickable.StopAtBounds
-            ScrollBar.vertical: ScrollBar {}
+            ScrollBar.vertical: ScrollBar {
+                policy: ScrollBar.AlwaysOn
+                visible: list.contentHeight > list.height
+                Accessible.name: qsTr("Recent activity")
+            }
             Accessible.role: Accessible.List
             Accessible.name: qsTr("Recent activity")
 
@@ -164,8 +177,10 @@ Item {
             Layout.fillWidth: true
             text: qsTr("Kept in memory only, and cleared when Quillmar OS quits.")
             color: Theme.secondary
-            font.pixelSize: 11
+            font.pixelSize: Theme.px(11)
             wrapMode: Text.WordWrap
+            Accessible.role: Accessible.StaticText
+            Accessible.name: text
         }
     }
 }

@@ -8,8 +8,10 @@ Item {
 
     readonly property bool showsImage: image.status === Image.Ready
 
-    implicitWidth: 92
-    implicitHeight: 92
+    implicitWidth: Theme.px(92)
+    implicitHeight: Theme.px(92)
+    // Decorative: the product's name is written beside it.
+    Accessible.ignored: true
 
     Image {
         id: image
@@ -28,6 +30,6 @@ Item {
         anchors.centerIn: parent
         visible: !logo.showsImage
         name: "circle.dashed"
-        size: Math.min(logo.width, logo.height) / Symbols.scale
+        size: Math.min(logo.width, logo.height) / Symbols.scale / Theme.scale
     }
 }

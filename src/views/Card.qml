@@ -5,10 +5,10 @@ import QtQuick.Controls.Basic
 // light and dark desktops. Callers give it the full width and put the content in contentItem,
 // which starts at the leading edge.
 Control {
-    padding: 14
+    padding: Theme.px(14)
 
     background: Rectangle {
-        radius: 12
+        radius: Theme.px(12)
         color: Theme.alpha(Theme.primary, 0.045)
         border.width: 1
         border.color: Theme.alpha(Theme.primary, 0.08)

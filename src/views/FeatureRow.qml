@@ -1,24 +1,21 @@
 import QtQuick
+import QtQuick.Layouts
 
 // featureRow(icon, title, subtitle): one line of the welcome page's list. As wide as its texts
-// need, up to `maximumWidth`, beyond which the subtitle wraps.
-Row {
+// need, up to the width its layout gives it (Layout.maximumWidth), beyond which the subtitle
+// wraps.
+RowLayout {
     id: row
 
     property string icon
     property string title
     property string subtitle
-    property real maximumWidth: 380
 
-    readonly property real textWidth: Math.min(Math.max(titleText.implicitWidth, subtitleText.implicitWidth),
-                                               maximumWidth - 26 - spacing)
-
-    spacing: 12
+    spacing: Theme.px(12)
 
     Item {
-        anchors.verticalCenter: parent.verticalCenter
-        width: 26
-        height: symbol.height
+        Layout.preferredWidth: Theme.px(26)
+        Layout.preferredHeight: symbol.height
 
         Symbol {
             id: symbol
@@ -29,26 +26,28 @@ Row {
         }
     }
 
-    Column {
-        anchors.verticalCenter: parent.verticalCenter
-        width: row.textWidth
+    ColumnLayout {
+        Layout.fillWidth: true
         spacing: 2
 
         Text {
-            id: titleText
-            width: parent.width
+            Layout.fillWidth: true
             text: row.title
             color: Theme.primary
-            font.pixelSize: 13
+            font.pixelSize: Theme.px(13)
             font.weight: Font.DemiBold
+            wrapMode: Text.WordWrap
+            Accessible.role: Accessible.StaticText
+            Accessible.name: text
         }
         Text {
-            id: subtitleText
-            width: parent.width
+            Layout.fillWidth: true
             text: row.subtitle
             color: Theme.secondary
-            font.pixelSize: 11
+            font.pixelSize: Theme.px(11)
             wrapMode: Text.WordWrap
+            Accessible.role: Accessible.StaticText
+            Accessible.name: text
         }
     }
 }

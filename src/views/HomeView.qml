@@ -1,19 +1,21 @@
 import QtQuick
 import QtQuick.Controls.Basic
+import QtQuick.Layouts
 import Quillmar.Views
 
 // The home page of a paired computer: connection state, pausing, shared folders and their
 // access, the write-approval setting and the way to unpair; the agents' recent activity on a
 // page of its own. Keeps no state but which of the two pages shows.
-Item {
+FocusScope {
     id: view
 
     // The recent-activity page is shown instead of the home page.
     property bool showingActivity: false
 
     objectName: "homeView"
-    implicitWidth: 460
-    implicitHeight: 600
+    implicitWidth: Theme.px(460)
+    implicitHeight: Theme.px(600)
+    focus: true
 
     // The keyboard focus follows to the other page; shown as a ring only when the user came by
     // keyboard.
@@ -35,87 +37,84 @@ Item {
         tint: 0.05
     }
 
-    // From the top: header, statusCard, the folders section and the settings section, 20 apart.
-    Column {
+    // From the top: header, statusCard, the folders section and the settings section, 20 apart;
+    // at the bottom, below flexible space, the divider and the unpair button.
+    ColumnLayout {
         id: page
-        x: 24
-        y: 24
-        width: parent.width - 48
-        spacing: 20
+        anchors.fill: parent
+        anchors.margins: Theme.px(24)
+        spacing: Theme.px(20)
         visible: !view.showingActivity
 
         // header
-        Row {
+        RowLayout {
             id: header
             objectName: "header"
-            width: parent.width
-            spacing: 12
+            Layout.fillWidth: true
+            spacing: Theme.px(12)
 
             BrandLogo {
                 objectName: "homeLogo"
-                anchors.verticalCenter: parent.verticalCenter
-                width: 40
-                height: 40
+                Layout.preferredWidth: Theme.px(40)
+                Layout.preferredHeight: Theme.px(40)
             }
-            Column {
-                anchors.verticalCenter: parent.verticalCenter
-                width: parent.width - 52 - headerButtons.width - 12
-                spacing: 3
+            ColumnLayout {
+                Layout.fillWidth: true
+                spacing: Theme.px(3)
 
                 Text {
-                    text: "Quillmar OS"
+                    Layout.fillWidth: true
+                    text: qsTr("Quillmar OS")
                     color: Theme.primary
-                    font.pixelSize: 17
+                    font.pixelSize: Theme.px(17)
                     font.bold: true
+                    elide: Text.ElideRight
+                    Accessible.role: Accessible.Heading
+                    Accessible.name: text
                 }
-                Row {
-                    width: parent.width
-                    spacing: 6
+                RowLayout {
+                    Layout.fillWidth: true
+                    spacing: Theme.px(6)
 
                     Rectangle {
                         objectName: "statusDot"
-                        anchors.verticalCenter: parent.verticalCenter
-                        width: 7
-                        height: 7
-                        radius: 3.5
+                        Layout.preferredWidth: Theme.px(7)
+                        Layout.preferredHeight: Theme.px(7)
+                        radius: width / 2
                         color: AppState.online ? Theme.brand : Theme.secondary
                     }
                     Text {
                         objectName: "connectionText"
-                        width: parent.width - 13
-                        text: AppState.online ? "Connected" : AppState.statusText
+                        Layout.fillWidth: true
+                        text: AppState.online ? qsTr("Connected") : AppState.statusText
                         color: Theme.secondary
-                        font.pixelSize: 12
+                        font.pixelSize: Theme.px(12)
                         elide: Text.ElideRight
+                        Accessible.role: Accessible.StaticText
+                        Accessible.name: text
                     }
                 }
             }
-            Row {
-                id: headerButtons
-                anchors.verticalCenter: parent.verticalCenter
-                spacing: 6
-
-                PillButton {
-                    id: activityButton
-                    objectName: "activityButton"
-                    symbol: "clock.arrow.circlepath"
-                    text: qsTr("Activity")
-                    Accessible.name: qsTr("Recent activity")
-                    onClicked: view.showActivity()
-                }
-                PillButton {
-                    id: pauseButton
-                    objectName: "pauseButton"
-                    symbol: AppState.paused ? "play.fill" : "pause.fill"
-                    text: AppState.paused ? qsTr("Resume") : qsTr("Pause")
-                    Accessible.name: AppState.paused ? qsTr("Resume sharing") : qsTr("Pause sharing")
-                    ToolTip.text: AppState.paused
-                                  ? qsTr("Let agents reach your shared folders again")
-                                  : qsTr("Stop agents from reaching your shared folders until you resume")
-                    ToolTip.visible: hovered
-                    ToolTip.delay: 600
-                    onClicked: AppState.setPaused(!AppState.paused)
-                }
+            PillButton {
+                id: activityButton
+                objectName: "activityButton"
+                symbol: "clock.arrow.circlepath"
+                text: qsTr("Activity")
+                Accessible.name: qsTr("Recent activity")
+                onClicked: view.showActivity()
+            }
+            PillButton {
+                id: pauseButton
+                objectName: "pauseButton"
+                symbol: AppState.paused ? "play.fill" : "pause.fill"
+                text: AppState.paused ? qsTr("Resume") : qsTr("Pause")
+                Accessible.name: AppState.paused ? qsTr("Resume sharing") : qsTr("Pause sharing")
+                ToolTip.text: AppState.paused
+                              ? qsTr("Let agents reach your shared folders again")
+                              : qsTr("Stop agents from reaching your shared folders until you resume")
+                ToolTip.visible: hovered
+                ToolTip.delay: 600
+                onClicked: AppState.setPaused(!AppState.paused)
             }
         }
 
@@ -123,14 +122,15 @@ Item {
         Card {
             id: statusCard
             objectName: "statusCard"
-            width: parent.width
+            Layout.fillWidth: true
 
-            contentItem: Row {
-                spacing: 12
+            contentItem: RowLayout {
+                spacing: Theme.px(12)
 
                 Item {
-                    width: 24
-                    height: statusSymbol.height
+                    Layout.preferredWidth: Theme.px(24)
+                    Layout.preferredHeight: statusSymbol.height
+                    Layout.alignment: Qt.AlignTop
 
                     Symbol {
                         id: statusSymbol
@@ -143,41 +143,39 @@ Item {
                                                : AppState.online ? Theme.brand : Theme.secondary
                     }
                 }
-                Column {
-                    width: statusCard.availableWidth - 36
-                    spacing: 4
+                ColumnLayout {
+                    Layout.fillWidth: true
+                    spacing: Theme.px(4)
 
                     Text {
                         objectName: "statusCardText"
-                        width: parent.width
+                        Layout.fillWidth: true
                         text: AppState.paused
                               ? qsTr("Sharing is paused. Agents can't reach your folders until you resume.")
                               : AppState.online
-                                ? "Your agents can reach the folders below. Every write asks for approval."
-                                : "Reconnecting to Quillmar — your shared folders resume automatically."
+                                ? qsTr("Your agents can reach the folders below. Every write asks for approval.")
+                                : qsTr("Reconnecting to Quillmar — your shared folders resume automatically.")
                         color: Theme.secondary
-                        font.pointSize: Typography.points(12.5)
+                        font.pointSize: Typography.points(12.5 * Theme.scale)
                         wrapMode: Text.WordWrap
+                        Accessible.role: Accessible.StaticText
+                        Accessible.name: text
                     }
                     // Why it is not connected, when the bridge knows.
                     Text {
                         objectName: "problemText"
-                        width: parent.width
+                        Layout.fillWidth: true
                         visible: text.length > 0 && !AppState.paused
                         text: AppState.connectionProblem
                         color: Theme.red
-                        font.pointSize: Typography.points(12)
+                        font.pointSize: Typography.points(12 * Theme.scale)
                         wrapMode: Text.WordWrap
                         Accessible.name: text
-                    }
-                    Item {
-                        width: 1
-                        height: 4
-                        visible: AppState.paused
                     }
                     PillButton {
                         id: resumeButton
                         objectName: "resumeButton"
+                        Layout.topMargin: Theme.px(4)
                         visible: AppState.paused
                         symbol: "play.fill"
                         text: qsTr("Resume sharing")
@@ -190,32 +188,33 @@ Item {
             }
         }
 
-        // The folders section: its caption with the "Add" button, then foldersList.
-        Column {
-            width: parent.width
-            spacing: 8
+        // The folders section: its caption with the "Add" button, then folderList, which gives
+        // way (and scrolls) when the page does not fit.
+        ColumnLayout {
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            Layout.maximumHeight: implicitHeight
+            spacing: Theme.px(8)
 
-            Item {
+            RowLayout {
                 id: sectionRow
-                width: parent.width
-                height: Math.max(sharedFoldersLabel.height, addButton.height)
+                Layout.fillWidth: true
 
                 SectionLabel {
                     id: sharedFoldersLabel
-                    anchors.verticalCenter: parent.verticalCenter
-                    text: "SHARED FOLDERS"
+                    Layout.fillWidth: true
+                    text: qsTr("SHARED FOLDERS")
                 }
                 PlainButton {
                     id: addButton
                     objectName: "homeAddButton"
-                    anchors.right: parent.right
-                    anchors.verticalCenter: parent.verticalCenter
-                    text: "Add"
+                    text: qsTr("Add")
                     symbol: "plus"
                     symbolSize: 12
                     color: Theme.brand
                     pixelSize: 12
                     weight: Font.Medium
+                    Accessible.name: qsTr("Add a folder")
                     onClicked: AppState.addFolder()
                 }
             }
@@ -223,165 +222,102 @@ Item {
             Card {
                 id: noFoldersCard
                 objectName: "noFoldersCard"
-                width: parent.width
+                Layout.fillWidth: true
                 visible: folders.count === 0
 
-                contentItem: Row {
-                    spacing: 8
+                contentItem: RowLayout {
+                    spacing: Theme.px(8)
 
                     Symbol {
-                        id: noFoldersSymbol
-                        anchors.verticalCenter: parent.verticalCenter
                         name: "folder.badge.plus"
                         size: 16
                         color: Theme.secondary
                     }
                     Text {
-                        anchors.verticalCenter: parent.verticalCenter
-                        width: noFoldersCard.availableWidth - noFoldersSymbol.width - 8
-                        text: "No folders shared yet — add one so agents can reach your files."
+                        Layout.fillWidth: true
+                        text: qsTr("No folders shared yet — add one so agents can reach your files.")
                         color: Theme.secondary
-                        font.pointSize: Typography.points(12.5)
+                        font.pointSize: Typography.points(12.5 * Theme.scale)
                         wrapMode: Text.WordWrap
+                        Accessible.role: Accessible.StaticText
+                        Accessible.name: text
                     }
                 }
             }
 
-            ListView {
+            ScrollingList {
                 id: folderList
                 objectName: "folderList"
-                width: parent.width
-                // As tall as the cards; when they do not fit above the settings and the unpair
-                // button, the list scrolls.
-                height: Math.min(contentHeight, view.height - 48 - bottom.height - 40 - header.height
-                                 - statusCard.height - settings.height - 3 * page.spacing
-                                 - sectionRow.height - 8)
+                Layout.fillWidth: true
+                Layout.fillHeight: true
+                Layout.minimumHeight: Math.min(contentHeight, Theme.px(64))
+                Layout.preferredHeight: contentHeight
+                Layout.maximumHeight: contentHeight
                 visible: folders.count > 0
-                model: folders
-                spacing: 8
-                clip: true
-                boundsBehavior: Flickable.StopAtBounds
-                ScrollBar.vertical: ScrollBar {}
+                Accessible.name: qsTr("Shared folders")
 
-                delegate: Card {
-                    id: folderCard
+                Repeater {
+                    model: folders
 
-                    required property string folderId
-                    required property string name
-                    required property string path
-                    required property bool readOnly
-
-                    width: ListView.view.width
-
-                    contentItem: Row {
-                        spacing: 8
-
-                        Symbol {
-                            id: folderSymbol
-                            anchors.verticalCenter: parent.verticalCenter
-                            name: "folder.fill"
-                            size: 15
-                            color: Theme.brand
-                        }
-                        Column {
-                            anchors.verticalCenter: parent.verticalCenter
-                            width: folderCard.availableWidth - folderSymbol.width - accessToggle.width
-                                   - removeButton.width - 24
-                            spacing: 2
-
-                            Text {
-                                width: parent.width
-                                text: folderCard.name
-                                color: Theme.primary
-                                font.pixelSize: 13
-                                font.weight: Font.Medium
-                                elide: Text.ElideRight
-                            }
-                            Text {
-                                objectName: "folderPath"
-                                width: parent.width
-                                text: folderCard.path
-                                color: Theme.secondary
-                                font.pixelSize: 11
-                                elide: Text.ElideMiddle
-                                maximumLineCount: 1
-                            }
-                        }
-                        AccessToggle {
-                            id: accessToggle
-                            objectName: "accessToggle"
-                            anchors.verticalCenter: parent.verticalCenter
-                            folderName: folderCard.name
-                            checked: folderCard.readOnly
-                            // Stores the access; the binding is put back so that the toggle keeps
-                            // following the state (the tray menu changes it too).
-                            onToggled: {
-                                AppState.setFolderReadOnlyById(folderCard.folderId, checked)
-                                checked = Qt.binding(() => folderCard.readOnly)
-                            }
-                        }
-                        PlainButton {
-                            id: removeButton
-                            objectName: "removeFolderButton"
-                            anchors.verticalCenter: parent.verticalCenter
-                            readonly property string helpText: "Stop sharing this folder"
-                            symbol: "xmark.circle.fill"
-                            symbolSize: 15
-                            color: Theme.tertiary
-                            hoverEnabled: true
-                            ToolTip.text: helpText
-                            ToolTip.visible: hovered
-                            ToolTip.delay: 600
-                            onClicked: AppState.removeFolderById(folderCard.folderId)
-                        }
+                    FolderRow {
+                        id: folderCard
+                        Layout.fillWidth: true
+                        showsAccess: true
+                        onAccessChosen: readOnly => AppState.setFolderReadOnlyById(folderCard.folderId, readOnly)
+                        onRemoveRequested: AppState.removeFolderById(folderCard.folderId)
                     }
                 }
             }
         }
 
-        // The settings section: its caption and approvalToggle.
-        Column {
+        // The settings section: its caption and approvalSwitch.
+        ColumnLayout {
             id: settings
-            width: parent.width
-            spacing: 8
+            Layout.fillWidth: true
+            spacing: Theme.px(8)
 
             SectionLabel {
-                text: "SETTINGS"
+                text: qsTr("SETTINGS")
             }
             Card {
                 id: approvalCard
                 objectName: "approvalCard"
-                width: parent.width
+                Layout.fillWidth: true
 
-                contentItem: Row {
-                    spacing: 8
+                contentItem: RowLayout {
+                    spacing: Theme.px(8)
 
-                    Column {
-                        anchors.verticalCenter: parent.verticalCenter
-                        width: approvalCard.availableWidth - approvalSwitch.width - 8
+                    ColumnLayout {
+                        Layout.fillWidth: true
                         spacing: 2
 
                         Text {
-                            width: parent.width
-                            text: "Ask before writing files"
+                            id: approvalLabel
+                            Layout.fillWidth: true
+                            text: qsTr("Ask before writing files")
                             color: Theme.primary
-                            font.pixelSize: 13
+                            font.pixelSize: Theme.px(13)
                             font.weight: Font.Medium
+                            wrapMode: Text.WordWrap
+                            Accessible.role: Accessible.StaticText
+                            Accessible.name: text
                         }
                         Text {
                             objectName: "approvalNote"
-                            width: parent.width
-                            text: "Confirm each write on this " + Platform.device + ", on top of the in-app approval."
+                            Layout.fillWidth: true
+                            text: qsTr("Confirm each write on this %1, on top of the in-app approval.").arg(Platform.device)
                             color: Theme.secondary
-                            font.pixelSize: 11
+                            font.pixelSize: Theme.px(11)
                             wrapMode: Text.WordWrap
+                            Accessible.role: Accessible.StaticText
+                            Accessible.name: text
                         }
                     }
                     BrandSwitch {
                         id: approvalSwitch
                         objectName: "approvalSwitch"
-                        anchors.verticalCenter: parent.verticalCenter
                         checked: AppState.requireWriteApproval
+                        Accessible.name: approvalLabel.text
                         // Stores the setting and refreshes the tray menu; then the binding is put
                         // back, so that the switch keeps following the state.
                         onToggled: {
@@ -394,48 +330,36 @@ Item {
             // Which protection keeps agents inside the shared folders on this computer.
             Text {
                 objectName: "fileAccessLine"
-                width: parent.width
+                Layout.fillWidth: true
                 text: AppState.fileAccessText
                 color: Theme.secondary
-                font.pixelSize: 11
+                font.pixelSize: Theme.px(11)
                 wrapMode: Text.WordWrap
                 Accessible.name: text
             }
         }
-    }
 
-    // At the bottom, below flexible space: the divider and the unpair button.
-    Column {
-        id: bottom
-        visible: !view.showingActivity
-        x: 24
-        anchors.bottom: parent.bottom
-        anchors.bottomMargin: 24
-        width: parent.width - 48
-        spacing: 20
+        Item {
+            Layout.fillHeight: true
+        }
 
         Rectangle {
             objectName: "divider"
-            width: parent.width
-            height: 1
+            Layout.fillWidth: true
+            Layout.preferredHeight: 1
             color: Theme.separator
-            opacity: 0.5
+            opacity: Theme.dark ? 1 : 0.5
         }
-        Item {
-            width: parent.width
-            height: unpairButton.height + 2
-
-            PlainButton {
-                id: unpairButton
-                objectName: "unpairButton"
-                y: 2
-                anchors.horizontalCenter: parent.horizontalCenter
-                text: "Unpair this " + Platform.device
-                color: Theme.alpha(Theme.red, 0.85)
-                pixelSize: 12
-                weight: Font.Medium
-                onClicked: AppState.unpair()
-            }
+        PlainButton {
+            id: unpairButton
+            objectName: "unpairButton"
+            Layout.alignment: Qt.AlignHCenter
+            Layout.topMargin: 2
+            text: qsTr("Unpair this %1").arg(Platform.device)
+            color: Theme.alpha(Theme.red, 0.85)
+            pixelSize: 12
+            weight: Font.Medium
+            onClicked: AppState.unpair()
         }
     }
 

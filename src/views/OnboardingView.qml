@@ -1,10 +1,10 @@
 import QtQuick
-import QtQuick.Controls.Basic
+import QtQuick.Layouts
 import Quillmar.Views
 
 // The onboarding flow: welcome, pairing code, folders to share, done. Keeps its step and the
 // typed code for as long as it exists, so a closed and reopened window resumes where it was.
-Item {
+FocusScope {
     id: view
 
     // onFinish: the done page's button; the root view then shows the home page.
@@ -15,7 +15,7 @@ Item {
     property alias code: codeField.text
 
     function submitPair() {
-        if (!PairingCode.isComplete(code))
+        if (step !== OnboardingStep.Pair || !PairingCode.isComplete(code))
             return
         if (AppState.pairing)
             return
@@ -23,16 +23,41 @@ Item {
     }
 
     function doneMessage(count) {
-        if (count > 0)
-            return "This " + Platform.device + " is paired and " + count + " folder" + (count === 1 ? "" : "s") + " "
-                    + (count === 1 ? "is" : "are") + " shared. Quillmar lives in " + Platform.iconHome + "."
-        return "This " + Platform.device + " is paired. Add folders anytime from " + Platform.iconReach
-                + " to let agents reach your files."
+        if (count === 1)
+            return qsTr("This %1 is paired and 1 folder is shared. Quillmar lives in %2.")
+                .arg(Platform.device).arg(Platform.iconHome)
+        if (count > 1)
+            return qsTr("This %1 is paired and %2 folders are shared. Quillmar lives in %3.")
+                .arg(Platform.device).arg(count).arg(Platform.iconHome)
+        return qsTr("This %1 is paired. Add folders anytime from %2 to let agents reach your files.")
+            .arg(Platform.device).arg(Platform.iconReach)
+    }
+
+    // Enter: the page's primary button.
+    function activateDefault() {
+        if (step === OnboardingStep.Welcome)
+            view.step = OnboardingStep.Pair
+        else if (step === OnboardingStep.Pair)
+            submitPair()
+        else if (step === OnboardingStep.Folders)
+            view.step = OnboardingStep.Done
+        else
+            view.finish()
     }
 
     objectName: "onboardingView"
-    implicitWidth: 460
-    implicitHeight: 600
+    implicitWidth: Theme.px(460)
+    implicitHeight: Theme.px(600)
+    focus: true
+
+    Keys.onReturnPressed: activateDefault()
+    Keys.onEnterPressed: activateDefault()
+    // Escape does what Back does; only the pair page has one.
+    Keys.onEscapePressed: event => {
+        event.accepted = view.step === OnboardingStep.Pair
+        if (event.accepted)
+            view.step = OnboardingStep.Welcome
+    }
 
     // Someone who opens onboarding while already paired never sees the welcome or pair page.
     Component.onCompleted: {
@@ -41,19 +66,27 @@ Item {
     }
 
     onStepChanged: {
-        if (step === OnboardingStep.Pair)
+        if (step === OnboardingStep.Pair) {
             codeField.forceActiveFocus()
+        } else {
+            // Keys go to the page shown, not to the hidden field.
+            codeField.focus = false
+            view.forceActiveFocus()
+        }
     }
 
-    // A successful pairing moves the flow on; submitPair() itself never does.
     Connections {
         target: AppState
         function onPairedChanged() {
+            // A successful pairing moves the flow on; submitPair() itself never does.
             if (AppState.paired && view.step === OnboardingStep.Pair)
                 view.step = OnboardingStep.Folders
             // Paired all along, once the keyring could be read: as when opened already paired.
             else if (AppState.paired && view.step === OnboardingStep.Welcome)
                 view.step = folders.count > 0 ? OnboardingStep.Done : OnboardingStep.Folders
+            // Unpaired (from the tray) after pairing: the later pages no longer apply.
+            else if (!AppState.paired && view.step !== OnboardingStep.Pair)
+                view.step = OnboardingStep.Welcome
         }
     }
 
@@ -65,343 +98,265 @@ Item {
         tint: 0.06
     }
 
-    // content: 36 from the top and bottom, 40 from the sides, above the step indicator. Each page
-    // sits at the bottom of this area: flexible space above, none below.
-    Item {
+    // 36 from the top and bottom, 40 from the sides. Each page sits at the bottom, above the step
+    // indicator: flexible space above, none below.
+    ColumnLayout {
         id: content
         objectName: "onboardingContent"
-        x: 40
-        y: 36
-        width: parent.width - 80
-        height: parent.height - 72 - (dots.visible ? dots.height + 16 : 0)
+        anchors.fill: parent
+        anchors.leftMargin: Theme.px(40)
+        anchors.rightMargin: Theme.px(40)
+        anchors.topMargin: Theme.px(36)
+        anchors.bottomMargin: Theme.px(36)
+        spacing: 0
+
+        Item {
+            Layout.fillHeight: true
+        }
 
         // welcomeStep
-        Column {
+        ColumnLayout {
             objectName: "welcomeStep"
-            anchors.bottom: parent.bottom
-            width: parent.width
-            spacing: 24
+            Layout.fillWidth: true
+            spacing: Theme.px(24)
             visible: view.step === OnboardingStep.Welcome
 
             BrandLogo {
                 objectName: "welcomeLogo"
-                anchors.horizontalCenter: parent.horizontalCenter
-                width: 92
-                height: 92
+                Layout.alignment: Qt.AlignHCenter
+                Layout.preferredWidth: Theme.px(92)
+                Layout.preferredHeight: Theme.px(92)
             }
-            Column {
-                width: parent.width
-                spacing: 8
+            ColumnLayout {
+                Layout.fillWidth: true
+                spacing: Theme.px(8)
 
                 Text {
-                    anchors.horizontalCenter: parent.horizontalCenter
-                    text: "Quillmar OS"
+                    Layout.alignment: Qt.AlignHCenter
+                    text: qsTr("Quillmar OS")
                     color: Theme.primary
-                    font.pixelSize: 26
+                    font.pixelSize: Theme.px(26)
                     font.bold: true
+                    Accessible.role: Accessible.Heading
+                    Accessible.name: text
                 }
                 Text {
                     objectName: "welcomeSubtitle"
-                    x: 8
-                    width: parent.width - 16
-                    text: "Give your AI workforce secure access to files on this " + Platform.device
-                          + " — read, summarise, and draft, with your approval."
+                    Layout.fillWidth: true
+                    Layout.leftMargin: Theme.px(8)
+                    Layout.rightMargin: Theme.px(8)
+                    text: qsTr("Give your AI workforce secure access to files on this %1 — read, summarise, and draft, with your approval.")
+                          .arg(Platform.device)
                     color: Theme.secondary
-                    font.pixelSize: 13
+                    font.pixelSize: Theme.px(13)
                     horizontalAlignment: Text.AlignHCenter
                     wrapMode: Text.WordWrap
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
                 }
             }
             FeatureRow {
                 objectName: "filesStayRow"
-                anchors.horizontalCenter: parent.horizontalCenter
-                maximumWidth: parent.width
+                Layout.alignment: Qt.AlignHCenter
+                Layout.maximumWidth: parent.width
                 icon: "lock.shield"
-                title: "Files stay on your " + Platform.device
-                subtitle: "Only the bytes an agent reads are sent — nothing is uploaded."
+                title: qsTr("Files stay on your %1").arg(Platform.device)
+                subtitle: qsTr("Only the bytes an agent reads are sent — nothing is uploaded.")
             }
             FeatureRow {
-                anchors.horizontalCenter: parent.horizontalCenter
-                maximumWidth: parent.width
+                Layout.alignment: Qt.AlignHCenter
+                Layout.maximumWidth: parent.width
                 icon: "folder"
-                title: "You choose the folders"
-                subtitle: "Share exactly what you want. Revoke anytime."
+                title: qsTr("You choose the folders")
+                subtitle: qsTr("Share exactly what you want. Revoke anytime.")
             }
             FeatureRow {
-                anchors.horizontalCenter: parent.horizontalCenter
-                maximumWidth: parent.width
+                Layout.alignment: Qt.AlignHCenter
+                Layout.maximumWidth: parent.width
                 icon: "checkmark.seal"
-                title: "Every write is approved"
-                subtitle: "Agents can't change files without your OK."
+                title: qsTr("Every write is approved")
+                subtitle: qsTr("Agents can't change files without your OK.")
             }
             // Shown when the keyring could not be read at start: pairing again would be wrong
             // for a computer that is paired, so unlocking and reading again comes first.
-            Column {
+            ColumnLayout {
                 objectName: "keyringNotice"
-                width: parent.width
-                spacing: 8
+                Layout.fillWidth: true
+                spacing: Theme.px(8)
                 visible: AppState.keyringProblem !== ""
 
                 Text {
                     objectName: "keyringProblemText"
-                    width: parent.width
+                    Layout.fillWidth: true
                     text: AppState.keyringProblem
                     color: Theme.red
-                    font.pixelSize: 12
+                    font.pixelSize: Theme.px(12)
                     horizontalAlignment: Text.AlignHCenter
                     wrapMode: Text.WordWrap
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
                 }
                 SecondaryButton {
                     objectName: "keyringRetryButton"
-                    width: parent.width
-                    text: "Try Again"
+                    Layout.fillWidth: true
+                    text: qsTr("Try Again")
                     symbol: "arrow.clockwise"
                     onClicked: AppState.retryKeyring()
                 }
             }
             PrimaryButton {
                 objectName: "getStartedButton"
-                width: parent.width
-                title: "Get Started"
+                Layout.fillWidth: true
+                title: qsTr("Get Started")
                 onClicked: view.step = OnboardingStep.Pair
             }
         }
 
         // pairStep
-        Column {
+        ColumnLayout {
             objectName: "pairStep"
-            anchors.bottom: parent.bottom
-            width: parent.width
-            spacing: 20
+            Layout.fillWidth: true
+            spacing: Theme.px(20)
             visible: view.step === OnboardingStep.Pair
 
             StepHeader {
                 objectName: "pairHeader"
-                width: parent.width
+                Layout.fillWidth: true
                 icon: "link.circle.fill"
-                title: "Pair this " + Platform.device
-                subtitle: "In Quillmar on the web, open Connectors → Local Files → Generate pairing code, then enter it here."
+                title: qsTr("Pair this %1").arg(Platform.device)
+                subtitle: qsTr("In Quillmar on the web, open Connectors → Local Files → Generate pairing code, then enter it here.")
             }
-            Column {
+            ColumnLayout {
                 objectName: "codeBlock"
-                width: parent.width
-                spacing: 8
+                Layout.fillWidth: true
+                spacing: Theme.px(8)
 
-                TextField {
+                PairingCodeField {
                     id: codeField
                     objectName: "codeField"
-                    width: parent.width
-                    topPadding: 14
-                    bottomPadding: 14
-                    leftPadding: 12
-                    rightPadding: 12
-                    placeholderText: "XXXXXXXX"
-                    placeholderTextColor: Theme.tertiary
-                    color: Theme.primary
-                    selectionColor: Theme.alpha(Theme.brand, 0.35)
-                    selectedTextColor: Theme.primary
-                    font.family: Typography.monospaceFamily
-                    font.pixelSize: 26
-                    font.weight: Font.DemiBold
-                    horizontalAlignment: TextInput.AlignHCenter
-                    inputMethodHints: Qt.ImhPreferUppercase | Qt.ImhNoPredictiveText
-                    selectByMouse: true
-
-                    background: Rectangle {
-                        radius: 12
-                        color: Theme.controlBackground
-                        border.width: 1
-                        border.color: Theme.alpha(Theme.brand, 0.4)
-                    }
-
-                    // Upper case, letters and digits only, at most eight: whatever is typed or
-                    // pasted.
-                    onTextChanged: {
-                        const normalised = PairingCode.normalise(text)
-                        if (normalised !== text)
-                            text = normalised
-                    }
-                    onAccepted: view.submitPair()
+                    Layout.fillWidth: true
+                    onSubmitted: view.submitPair()
                 }
                 Text {
                     objectName: "pairErrorText"
-                    width: parent.width
+                    Layout.fillWidth: true
                     visible: AppState.hasPairError
                     text: AppState.pairError
                     color: Theme.red
-                    font.pixelSize: 10
+                    font.pixelSize: Theme.px(11)
                     horizontalAlignment: Text.AlignHCenter
                     wrapMode: Text.WordWrap
+                    Accessible.role: Accessible.AlertMessage
+                    Accessible.name: text
                 }
             }
             PrimaryButton {
                 objectName: "pairButton"
-                width: parent.width
-                title: AppState.pairing ? "Pairing…" : "Pair"
+                Layout.fillWidth: true
+                title: AppState.pairing ? qsTr("Pairing…") : qsTr("Pair")
                 loading: AppState.pairing
                 disabled: !PairingCode.isComplete(view.code) || AppState.pairing
                 onClicked: view.submitPair()
             }
             PlainButton {
                 objectName: "backButton"
-                anchors.horizontalCenter: parent.horizontalCenter
-                text: "Back"
+                Layout.alignment: Qt.AlignHCenter
+                text: qsTr("Back")
                 color: Theme.secondary
                 onClicked: view.step = OnboardingStep.Welcome
             }
         }
 
-        // foldersStep
-        Column {
+        // foldersStep: the list of folders gives way when the page does not fit.
+        ColumnLayout {
             id: foldersPage
             objectName: "foldersStep"
-            anchors.bottom: parent.bottom
-            width: parent.width
-            spacing: 18
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            Layout.maximumHeight: implicitHeight
+            spacing: Theme.px(18)
             visible: view.step === OnboardingStep.Folders
 
             StepHeader {
-                id: foldersHeader
-                width: parent.width
+                Layout.fillWidth: true
                 icon: "folder.fill.badge.plus"
-                title: "Choose folders to share"
-                subtitle: "Agents can read and write only inside the folders you add here."
+                title: qsTr("Choose folders to share")
+                subtitle: qsTr("Agents can read and write only inside the folders you add here.")
             }
-            Column {
+            ColumnLayout {
                 objectName: "noFoldersPlaceholder"
-                width: parent.width
-                topPadding: 24
-                bottomPadding: 24
-                spacing: 8
+                Layout.fillWidth: true
+                Layout.topMargin: Theme.px(24)
+                Layout.bottomMargin: Theme.px(24)
+                spacing: Theme.px(8)
                 visible: folders.count === 0
 
                 Symbol {
-                    anchors.horizontalCenter: parent.horizontalCenter
+                    Layout.alignment: Qt.AlignHCenter
                     name: "tray"
                     size: 28
                     color: Theme.tertiary
                 }
                 Text {
-                    anchors.horizontalCenter: parent.horizontalCenter
-                    text: "No folders shared yet"
+                    Layout.alignment: Qt.AlignHCenter
+                    text: qsTr("No folders shared yet")
                     color: Theme.secondary
-                    font.pixelSize: 12
+                    font.pixelSize: Theme.px(12)
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
                 }
             }
-            ListView {
+            ScrollingList {
                 id: folderList
                 objectName: "folderList"
-                width: parent.width
-                // As tall as the rows, scrolling once they no longer fit above the buttons.
-                height: Math.min(contentHeight, content.height - foldersHeader.height - addFolderButton.height
-                                 - foldersContinueButton.height - 4 * foldersPage.spacing)
+                Layout.fillWidth: true
+                Layout.fillHeight: true
+                Layout.minimumHeight: Math.min(contentHeight, Theme.px(56))
+                Layout.preferredHeight: contentHeight
+                Layout.maximumHeight: contentHeight
                 visible: folders.count > 0
-                model: folders
-                spacing: 6
-                clip: true
-                boundsBehavior: Flickable.StopAtBounds
-                ScrollBar.vertical: ScrollBar {}
+                spacing: Theme.px(6)
+                Accessible.name: qsTr("Shared folders")
 
-                delegate: Item {
-                    id: folderRow
+                Repeater {
+                    model: folders
 
-                    required property string folderId
-                    required property string name
-                    required property string path
-
-                    width: ListView.view.width
-                    height: rowBackground.height
-
-                    Rectangle {
-                        id: rowBackground
-                        anchors.horizontalCenter: parent.horizontalCenter
-                        width: rowContent.width + 20
-                        height: rowContent.height + 20
-                        radius: 10
-                        color: Theme.controlBackground
-
-                        Row {
-                            id: rowContent
-                            x: 10
-                            y: 10
-                            spacing: 10
-
-                            Symbol {
-                                id: folderSymbol
-                                anchors.verticalCenter: parent.verticalCenter
-                                name: "folder.fill"
-                                color: Theme.brand
-                            }
-                            Column {
-                                anchors.verticalCenter: parent.verticalCenter
-                                // As wide as the texts, or what is left of the page's width.
-                                width: Math.min(Math.max(nameText.implicitWidth, pathText.implicitWidth),
-                                                folderRow.width - 20 - 2 * rowContent.spacing
-                                                - folderSymbol.width - removeButton.width)
-                                spacing: 2
-
-                                Text {
-                                    id: nameText
-                                    width: parent.width
-                                    text: folderRow.name
-                                    color: Theme.primary
-                                    font.pixelSize: 13
-                                    font.weight: Font.Medium
-                                    elide: Text.ElideRight
-                                }
-                                Text {
-                                    id: pathText
-                                    objectName: "folderPath"
-                                    width: parent.width
-                                    text: folderRow.path
-                                    color: Theme.secondary
-                                    font.pixelSize: 13
-                                    elide: Text.ElideMiddle
-                                    maximumLineCount: 1
-                                }
-                            }
-                            PlainButton {
-                                id: removeButton
-                                objectName: "removeFolderButton"
-                                anchors.verticalCenter: parent.verticalCenter
-                                symbol: "xmark.circle.fill"
-                                color: Theme.secondary
-                                onClicked: AppState.removeFolderById(folderRow.folderId)
-                            }
-                        }
+                    FolderRow {
+                        id: folderRow
+                        Layout.fillWidth: true
+                        onRemoveRequested: AppState.removeFolderById(folderRow.folderId)
                     }
                 }
             }
             SecondaryButton {
                 id: addFolderButton
                 objectName: "addFolderButton"
-                width: parent.width
-                text: "Add Folder…"
+                Layout.fillWidth: true
+                text: qsTr("Add Folder…")
                 symbol: "plus"
                 onClicked: AppState.addFolder()
             }
             PrimaryButton {
                 id: foldersContinueButton
                 objectName: "foldersContinueButton"
-                width: parent.width
-                title: folders.count === 0 ? "Skip for now" : "Continue"
+                Layout.fillWidth: true
+                title: folders.count === 0 ? qsTr("Skip for now") : qsTr("Continue")
                 onClicked: view.step = OnboardingStep.Done
             }
         }
 
         // doneStep
-        Column {
+        ColumnLayout {
             objectName: "doneStep"
-            anchors.bottom: parent.bottom
-            width: parent.width
-            spacing: 22
+            Layout.fillWidth: true
+            spacing: Theme.px(22)
             visible: view.step === OnboardingStep.Done
 
             Rectangle {
-                anchors.horizontalCenter: parent.horizontalCenter
-                width: 96
-                height: 96
-                radius: 48
+                Layout.alignment: Qt.AlignHCenter
+                Layout.preferredWidth: Theme.px(96)
+                Layout.preferredHeight: Theme.px(96)
+                radius: width / 2
                 color: Theme.alpha(Theme.brand, 0.15)
 
                 Symbol {
@@ -409,46 +364,49 @@ Item {
                     name: "checkmark"
                     size: 40
                     bold: true
-                    color: Theme.brandDeep
+                    color: Theme.dark ? Theme.brand : Theme.brandDeep
                 }
             }
-            Column {
-                width: parent.width
-                spacing: 10
+            ColumnLayout {
+                Layout.fillWidth: true
+                spacing: Theme.px(10)
 
                 Text {
-                    anchors.horizontalCenter: parent.horizontalCenter
-                    text: "You're all set"
+                    Layout.alignment: Qt.AlignHCenter
+                    text: qsTr("You're all set")
                     color: Theme.primary
-                    font.pixelSize: 24
+                    font.pixelSize: Theme.px(24)
                     font.bold: true
+                    Accessible.role: Accessible.Heading
+                    Accessible.name: text
                 }
                 Text {
                     objectName: "doneMessage"
-                    width: parent.width
+                    Layout.fillWidth: true
                     text: view.doneMessage(folders.count)
                     color: Theme.secondary
-                    font.pixelSize: 13
+                    font.pixelSize: Theme.px(13)
                     horizontalAlignment: Text.AlignHCenter
                     wrapMode: Text.WordWrap
+                    Accessible.role: Accessible.StaticText
+                    Accessible.name: text
                 }
             }
             PrimaryButton {
                 objectName: "finishButton"
-                width: parent.width
-                title: "Finish"
+                Layout.fillWidth: true
+                title: qsTr("Finish")
                 onClicked: view.finish()
             }
         }
-    }
 
-    ProgressDots {
-        id: dots
-        objectName: "progressDots"
-        anchors.horizontalCenter: parent.horizontalCenter
-        anchors.bottom: parent.bottom
-        anchors.bottomMargin: 36
-        visible: view.step !== OnboardingStep.Welcome
-        step: view.step
+        ProgressDots {
+            id: dots
+            objectName: "progressDots"
+            Layout.alignment: Qt.AlignHCenter
+            Layout.topMargin: Theme.px(16)
+            visible: view.step !== OnboardingStep.Welcome
+            step: view.step
+        }
     }
 }

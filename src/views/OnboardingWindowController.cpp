@@ -1,6 +1,7 @@
 #include "OnboardingWindowController.h"
 
 #include "AppState.h"
+#include "Typography.h"
 #include "ViewsModule.h"
 
 #include <QEvent>
@@ -14,6 +15,11 @@
 OnboardingWindowController::OnboardingWindowController(QObject* parent) : QObject(parent) {}
 
 OnboardingWindowController::~OnboardingWindowController() = default;
+
+QSize OnboardingWindowController::contentSize() {
+    const qreal scale = Typography::scale();
+    return {qRound(460 * scale), qRound(600 * scale)};
+}
 
 QString OnboardingWindowController::title() {
     return QStringLiteral("Quillmar OS");

@@ -32,7 +32,8 @@ public:
     // The hosted RootView, or nullptr before the first show() or when it failed to load.
     QQuickItem* rootView() const;
 
-    static QSize contentSize() { return {460, 600}; }
+    // 460 x 600 at the default font, larger with a larger desktop font.
+    static QSize contentSize();
     static QString title();
     static QUrl rootViewUrl();
 

@@ -12,19 +12,22 @@ AbstractButton {
     property color border: Theme.alpha(Theme.primary, 0.14)
     property int pixelSize: 12
 
-    implicitHeight: 26
-    implicitWidth: row.implicitWidth + 20
+    implicitHeight: Math.max(Theme.px(26), row.implicitHeight + Theme.px(8))
+    implicitWidth: row.implicitWidth + Theme.px(20)
     focusPolicy: Qt.StrongFocus
     hoverEnabled: true
     opacity: enabled ? (down ? 0.7 : 1) : 0.55
     Accessible.role: Accessible.Button
     Accessible.name: text
 
+    Keys.onReturnPressed: clicked()
+    Keys.onEnterPressed: clicked()
+
     contentItem: Item {
         Row {
             id: row
             anchors.centerIn: parent
-            spacing: 4
+            spacing: Theme.px(4)
 
             Symbol {
                 anchors.verticalCenter: parent.verticalCenter
@@ -37,7 +40,7 @@ AbstractButton {
                 anchors.verticalCenter: parent.verticalCenter
                 text: button.text
                 color: button.color
-                font.pixelSize: button.pixelSize
+                font.pixelSize: Theme.px(button.pixelSize)
                 font.weight: Font.Medium
             }
         }
@@ -45,8 +48,14 @@ AbstractButton {
 
     background: Rectangle {
         radius: height / 2
-        color: button.hovered && button.enabled ? Qt.darker(button.fill, 1.04) : button.fill
-        border.width: button.visualFocus ? 2 : 1
-        border.color: button.visualFocus ? Theme.brandDeep : button.border
+        color: button.hovered && button.enabled ? Qt.tint(button.fill, Theme.alpha(Theme.primary, 0.06))
+                                                : button.fill
+        border.width: 1
+        border.color: button.border
+
+        FocusRing {
+            shown: button.visualFocus
+            radius: height / 2
+        }
     }
 }

@@ -12,11 +12,15 @@ Button {
 
     text: title
     enabled: !disabled
-    topPadding: 11
-    bottomPadding: 11
-    leftPadding: 12
-    rightPadding: 12
+    topPadding: Theme.px(11)
+    bottomPadding: Theme.px(11)
+    leftPadding: Theme.px(12)
+    rightPadding: Theme.px(12)
     focusPolicy: Qt.TabFocus
+    Accessible.name: title
+
+    Keys.onReturnPressed: clicked()
+    Keys.onEnterPressed: clicked()
 
     contentItem: Item {
         implicitWidth: row.implicitWidth
@@ -25,7 +29,7 @@ Button {
         Row {
             id: row
             anchors.centerIn: parent
-            spacing: 8
+            spacing: Theme.px(8)
 
             Spinner {
                 objectName: "spinner"
@@ -37,7 +41,7 @@ Button {
                 anchors.verticalCenter: parent.verticalCenter
                 text: button.title
                 color: "white"
-                font.pixelSize: 14
+                font.pixelSize: Theme.px(14)
                 font.weight: Font.DemiBold
             }
         }
@@ -45,14 +49,18 @@ Button {
 
     background: Rectangle {
         objectName: "fill"
-        radius: 11
+        radius: Theme.px(11)
         color: button.disabled ? Theme.alpha(Theme.brand, 0.4) : Theme.brand
 
         Rectangle {
             anchors.fill: parent
             radius: parent.radius
             color: "black"
-            opacity: button.down ? 0.12 : 0
+            opacity: button.down ? 0.12 : button.hovered ? 0.06 : 0
+        }
+        FocusRing {
+            shown: button.visualFocus
+            radius: parent.radius + gap
         }
     }
 }

@@ -7,7 +7,8 @@ Row {
 
     property int step: OnboardingStep.Welcome
 
-    spacing: 7
+    spacing: Theme.px(7)
+    Accessible.ignored: true
 
     Repeater {
         model: [OnboardingStep.Welcome, OnboardingStep.Pair, OnboardingStep.Folders, OnboardingStep.Done]
@@ -16,8 +17,8 @@ Row {
             required property int modelData
             readonly property bool current: modelData === dots.step
 
-            width: current ? 18 : 7
-            height: 7
+            width: Theme.px(current ? 18 : 7)
+            height: Theme.px(7)
             radius: height / 2
             color: current ? Theme.brand : Theme.alpha(Theme.secondary, 0.3)
 

@@ -3,7 +3,7 @@ import Quillmar.Views
 
 // The window's content: onboarding until the user finishes it, then the home page for as long as
 // the computer stays paired.
-Item {
+FocusScope {
     id: root
 
     // True once the user may see the home page. Set by whoever creates the view (paired at that
@@ -11,13 +11,15 @@ Item {
     property bool showHome: false
     readonly property bool showingHome: showHome && AppState.paired
 
-    implicitWidth: 460
-    implicitHeight: 600
+    implicitWidth: Theme.px(460)
+    implicitHeight: Theme.px(600)
+    focus: true
 
     Loader {
         id: content
         objectName: "rootContent"
         anchors.fill: parent
+        focus: true
         sourceComponent: root.showingHome ? homePage : onboardingPage
     }
 

@@ -7,13 +7,17 @@ Button {
 
     property string symbol
 
-    implicitHeight: 32
+    implicitHeight: Math.max(Theme.px(32), row.implicitHeight + Theme.px(12))
     focusPolicy: Qt.TabFocus
+
+    Keys.onReturnPressed: clicked()
+    Keys.onEnterPressed: clicked()
 
     contentItem: Item {
         Row {
+            id: row
             anchors.centerIn: parent
-            spacing: 5
+            spacing: Theme.px(5)
 
             Symbol {
                 anchors.verticalCenter: parent.verticalCenter
@@ -25,15 +29,22 @@ Button {
                 anchors.verticalCenter: parent.verticalCenter
                 text: button.text
                 color: Theme.primary
-                font.pixelSize: 13
+                font.pixelSize: Theme.px(13)
             }
         }
     }
 
     background: Rectangle {
-        radius: 8
-        color: button.down ? Qt.darker(Theme.controlBackground, 1.06) : Theme.controlBackground
+        radius: Theme.px(8)
+        color: button.down ? Qt.darker(Theme.controlBackground, 1.06)
+                           : button.hovered ? Qt.tint(Theme.controlBackground, Theme.alpha(Theme.primary, 0.05))
+                                            : Theme.controlBackground
         border.width: 1
         border.color: Theme.alpha(Theme.primary, 0.14)
+
+        FocusRing {
+            shown: button.visualFocus
+            radius: parent.radius + gap
+        }
     }
 }

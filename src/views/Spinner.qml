@@ -7,8 +7,9 @@ Item {
     property color color: "white"
     property bool running: visible
 
-    implicitWidth: 14
-    implicitHeight: 14
+    implicitWidth: Theme.px(14)
+    implicitHeight: Theme.px(14)
+    Accessible.ignored: true
 
     Repeater {
         model: 8

@@ -1,34 +1,41 @@
 import QtQuick
+import QtQuick.Layouts
 
 // stepHeader(icon, title, subtitle): the top of the pair and folders pages, centred.
-Column {
+ColumnLayout {
     id: header
 
     property string icon
     property string title
     property string subtitle
 
-    spacing: 8
+    spacing: Theme.px(8)
 
     Symbol {
-        anchors.horizontalCenter: parent.horizontalCenter
+        Layout.alignment: Qt.AlignHCenter
         name: header.icon
         size: 34
         color: Theme.brand
     }
     Text {
-        anchors.horizontalCenter: parent.horizontalCenter
+        Layout.fillWidth: true
         text: header.title
         color: Theme.primary
-        font.pixelSize: 20
+        font.pixelSize: Theme.px(20)
         font.bold: true
-    }
-    Text {
-        width: header.width
-        text: header.subtitle
-        color: Theme.secondary
-        font.pixelSize: 12
         horizontalAlignment: Text.AlignHCenter
         wrapMode: Text.WordWrap
+        Accessible.role: Accessible.Heading
+        Accessible.name: text
+    }
+    Text {
+        Layout.fillWidth: true
+        text: header.subtitle
+        color: Theme.secondary
+        font.pixelSize: Theme.px(12)
+        horizontalAlignment: Text.AlignHCenter
+        wrapMode: Text.WordWrap
+        Accessible.role: Accessible.StaticText
+        Accessible.name: text
     }
 }

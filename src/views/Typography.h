@@ -12,6 +12,7 @@ class Typography : public QObject {
     QML_ELEMENT
     QML_SINGLETON
     Q_PROPERTY(QString monospaceFamily READ monospaceFamily CONSTANT)
+    Q_PROPERTY(qreal scale READ scale CONSTANT)
 
 public:
     explicit Typography(QObject* parent = nullptr);
@@ -20,4 +21,8 @@ public:
     Q_INVOKABLE static qreal points(qreal pixels);
     // The desktop's fixed-pitch family (DejaVu Sans Mono on a stock Debian).
     static QString monospaceFamily();
+    // How much larger than Qt's default (9 pt) the application's font is, never below 1: every
+    // size in the window is multiplied by it, so that a larger desktop font makes a larger
+    // window rather than clipped text.
+    static qreal scale();
 };

@@ -171,6 +171,17 @@ void ViewHarness::pressReturn() {
     settle();
 }
 
+QQuickItem* ViewHarness::tab() {
+    QTest::keyClick(window(), Qt::Key_Tab);
+    settle();
+    return window()->activeFocusItem();
+}
+
+bool ViewHarness::showsFocusRing(QQuickItem* item) {
+    QQuickItem* ring = find(item, QStringLiteral("focusRing"));
+    return ring && ring->isVisible();
+}
+
 void ViewHarness::settle(int milliseconds) {
     QTest::qWait(milliseconds);
 }

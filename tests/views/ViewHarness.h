@@ -52,6 +52,10 @@ public:
     // Gives the pairing code field the keyboard focus and types into it.
     void typeCode(const QString& text);
     void pressReturn();
+    // Presses Tab; the item that then has the keyboard focus (nullptr if none).
+    QQuickItem* tab();
+    // `item` shows its keyboard focus ring.
+    static bool showsFocusRing(QQuickItem* item);
     // Lets bindings, layout and rendering catch up.
     static void settle(int milliseconds = 50);
 

@@ -109,9 +109,16 @@ private slots:
         QVERIFY(harness.item(QStringLiteral("unpairButton"))->isVisible());
         QVERIFY(harness.item(QStringLiteral("activityButton"))->hasActiveFocus());
 
-        // By keyboard: the focused button opens the page again.
+        // By keyboard: the focused button opens the page again, Escape goes back, and Enter
+        // on the focused button opens it once more.
         QTest::keyClick(harness.window(), Qt::Key_Space);
         ViewHarness::settle();
+        QVERIFY(harness.item(QStringLiteral("activityView"))->isVisible());
+        QTest::keyClick(harness.window(), Qt::Key_Escape);
+        ViewHarness::settle();
+        QVERIFY(!harness.item(QStringLiteral("activityView"))->isVisible());
+        QVERIFY(harness.item(QStringLiteral("activityButton"))->hasActiveFocus());
+        harness.pressReturn();
         QVERIFY(harness.item(QStringLiteral("activityView"))->isVisible());
     }
 

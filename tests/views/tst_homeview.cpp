@@ -166,6 +166,65 @@ private slots:
                 divider->mapToScene(QPointF()).y() + 0.5);
     }
 
+    // Ten folders: each one can be reached, by the scroll bar and by Tab, which scrolls the
+    // list so that the focused row is seen whole; the rest of the page keeps its place.
+    void everyOneOfTenFoldersCanBeReached() {
+        ViewHarness harness;
+        startPaired(harness);
+        for (int i = 0; i < 10; ++i) {
+            harness.addFolder(QStringLiteral("Folder %1").arg(i + 1));
+        }
+        QQuickItem* list = harness.item(QStringLiteral("folderList"));
+        QVERIFY(list->property("contentHeight").toReal() > list->height());
+        QQuickItem* bar = ViewHarness::find(list, QStringLiteral("listScrollBar"));
+        QVERIFY(bar);
+        QVERIFY(bar->isVisible());
+        QVERIFY(bar->property("size").toReal() < 1);
+        QCOMPARE(bar->property("policy").toInt(), 2); // ScrollBar.AlwaysOn
+        QQuickItem* unpair = harness.item(QStringLiteral("unpairButton"));
+        QVERIFY(unpair->mapToScene(QPointF(0, unpair->height())).y() <= 600 - 24 + 0.5);
+
+        const QRectF viewport(list->mapToScene(QPointF()), list->size());
+        QStringList reached;
+        for (int i = 0; i < 40 && reached.size() < 10; ++i) {
+            QQuickItem* focused = harness.tab();
+            if (!focused || focused->objectName() != QStringLiteral("removeFolderButton")) {
+                continue;
+            }
+            const QRectF shown(focused->mapToScene(QPointF()), focused->size());
+            QVERIFY2(viewport.contains(shown), qPrintable(QString::number(reached.size())));
+            reached.append(
+                QQmlProperty::read(focused, QStringLiteral("Accessible.name"), qmlContext(focused))
+                    .toString());
+        }
+        QStringList expected;
+        for (int i = 0; i < 10; ++i) {
+            expected.append(QStringLiteral("Stop sharing Folder %1").arg(i + 1));
+        }
+        QCOMPARE(reached, expected);
+        // The last one is at the bottom of the list, scrolled to its end.
+        QVERIFY(list->property("contentY").toReal() > 0);
+    }
+
+    // Tab goes through the page as it reads, each control showing the ring.
+    void tabFollowsReadingOrderWithAVisibleRing() {
+        ViewHarness harness;
+        startPaired(harness);
+        harness.addFolder(QStringLiteral("Alpha"));
+        QStringList order;
+        for (int i = 0; i < 7; ++i) {
+            QQuickItem* focused = harness.tab();
+            QVERIFY(focused);
+            order.append(focused->objectName());
+            QVERIFY2(ViewHarness::showsFocusRing(focused), qPrintable(order.last()));
+        }
+        QCOMPARE(order,
+                 QStringList({QStringLiteral("activityButton"), QStringLiteral("pauseButton"),
+                              QStringLiteral("homeAddButton"), QStringLiteral("accessToggle"),
+                              QStringLiteral("removeFolderButton"),
+                              QStringLiteral("approvalSwitch"), QStringLiteral("unpairButton")}));
+    }
+
     void eachFolderShowsItsAccessAndTheToggleFlipsIt() {
         ViewHarness harness;
         AppState& state = startPaired(harness);

@@ -2,10 +2,14 @@
 #include "OnboardingStep.h"
 #include "ViewHarness.h"
 
+#include <QCursor>
+#include <QImage>
 #include <QQuickItem>
 #include <QQuickWindow>
 #include <QRegularExpression>
 #include <QTest>
+
+#include <cstdlib>
 
 // The onboarding flow: the pages and their order, the code field's rules, pairing, the folders
 // page and the closing message.
@@ -310,6 +314,199 @@ private slots:
         QCOMPARE(harness.value(QStringLiteral("doneMessage"), "text").toString(), message);
         QCOMPARE(harness.value(QStringLiteral("finishButton"), "text").toString(),
                  QStringLiteral("Finish"));
+    }
+
+    void typingKeepsTheCaretAndCanBeUndone() {
+        ViewHarness harness;
+        harness.start();
+        toPairStep(harness);
+        QQuickItem* field = harness.item(QStringLiteral("codeField"));
+        harness.typeCode(QStringLiteral("abcd"));
+        QCOMPARE(code(harness), QStringLiteral("ABCD"));
+        QTest::keyClick(harness.window(), Qt::Key_Left);
+        QTest::keyClick(harness.window(), Qt::Key_Left);
+        harness.typeCode(QStringLiteral("x"));
+        QCOMPARE(code(harness), QStringLiteral("ABXCD"));
+        QCOMPARE(field->property("cursorPosition").toInt(), 3);
+
+        QTest::keyClick(harness.window(), Qt::Key_Z, Qt::ControlModifier);
+        ViewHarness::settle();
+        QCOMPARE(code(harness), QStringLiteral("ABCD"));
+        QTest::keyClick(harness.window(), Qt::Key_Z, Qt::ControlModifier);
+        ViewHarness::settle();
+        QCOMPARE(code(harness), QString());
+        QTest::keyClick(harness.window(), Qt::Key_Z, Qt::ControlModifier | Qt::ShiftModifier);
+        ViewHarness::settle();
+        QCOMPARE(code(harness), QStringLiteral("ABCD"));
+        // Backspace still edits.
+        QTest::keyClick(harness.window(), Qt::Key_End);
+        QTest::keyClick(harness.window(), Qt::Key_Backspace);
+        ViewHarness::settle();
+        QCOMPARE(code(harness), QStringLiteral("ABC"));
+    }
+
+    // The placeholder is drawn in the focused, empty field, and goes with the first character.
+    void placeholderShowsUntilTypingStarts() {
+        ViewHarness harness;
+        harness.start();
+        toPairStep(harness);
+        QQuickItem* field = harness.item(QStringLiteral("codeField"));
+        QVERIFY(field->hasActiveFocus());
+        const auto inkInField = [&] {
+            const QImage image = harness.window()->grabWindow();
+            const qreal ratio = image.devicePixelRatio();
+            const QPointF topLeft = field->mapToScene(QPointF(field->width() / 4, 12));
+            const QRect area(
+                QPoint(int(topLeft.x() * ratio), int(topLeft.y() * ratio)),
+                QSize(int(field->width() / 2 * ratio), int((field->height() - 24) * ratio)));
+            const QColor base = image.pixelColor(area.topLeft());
+            int differing = 0;
+            for (int y = area.top(); y <= area.bottom(); ++y) {
+                for (int x = area.left(); x <= area.right(); ++x) {
+                    const QColor pixel = image.pixelColor(x, y);
+                    differing += std::abs(pixel.lightness() - base.lightness()) > 24 ? 1 : 0;
+                }
+            }
+            return differing;
+        };
+        QQuickItem* placeholder = harness.item(QStringLiteral("codePlaceholder"));
+        QVERIFY(placeholder->isVisible());
+        QCOMPARE(placeholder->property("text").toString(), QStringLiteral("XXXXXXXX"));
+        // Eight letters' worth of ink, far more than a caret.
+        QVERIFY2(inkInField() > 300, qPrintable(QString::number(inkInField())));
+        harness.typeCode(QStringLiteral("a"));
+        QVERIFY(!placeholder->isVisible());
+        QVERIFY(inkInField() < 300);
+    }
+
+    void rightClickOffersTheEditCommands() {
+        ViewHarness harness;
+        harness.start();
+        toPairStep(harness);
+        QQuickItem* field = harness.item(QStringLiteral("codeField"));
+        const auto openMenu = [&] {
+            QTest::mouseClick(
+                harness.window(), Qt::RightButton, Qt::NoModifier,
+                field->mapToScene(QPointF(field->width() / 2, field->height() / 2)).toPoint());
+            ViewHarness::settle(200);
+        };
+        const auto enabled = [&](const char* name) {
+            QQuickItem* item = harness.item(QString::fromLatin1(name));
+            return item && item->isVisible() && item->isEnabled();
+        };
+        openMenu();
+        QQuickItem* cut = harness.item(QStringLiteral("cutItem"));
+        QVERIFY(cut && cut->isVisible());
+        QCOMPARE(cut->property("text").toString(), QStringLiteral("Cut"));
+        QCOMPARE(harness.value(QStringLiteral("copyItem"), "text").toString(),
+                 QStringLiteral("Copy"));
+        QCOMPARE(harness.value(QStringLiteral("pasteItem"), "text").toString(),
+                 QStringLiteral("Paste"));
+        QCOMPARE(harness.value(QStringLiteral("selectAllItem"), "text").toString(),
+                 QStringLiteral("Select All"));
+        // Nothing typed, nothing selected.
+        QVERIFY(!enabled("cutItem"));
+        QVERIFY(!enabled("copyItem"));
+        QVERIFY(!enabled("selectAllItem"));
+        QTest::keyClick(harness.window(), Qt::Key_Escape);
+        ViewHarness::settle(200);
+        // Escape closed the menu, and only the menu.
+        QCOMPARE(harness.step(), int(OnboardingStep::Pair));
+
+        harness.typeCode(QStringLiteral("abc123"));
+        openMenu();
+        QVERIFY(enabled("selectAllItem"));
+        harness.click(QStringLiteral("selectAllItem"));
+        QCOMPARE(field->property("selectedText").toString(), QStringLiteral("ABC123"));
+        openMenu();
+        QVERIFY(enabled("cutItem"));
+        QVERIFY(enabled("copyItem"));
+        QVERIFY(!enabled("selectAllItem"));
+        harness.click(QStringLiteral("cutItem"));
+        QCOMPARE(code(harness), QString());
+        openMenu();
+        QVERIFY(enabled("pasteItem"));
+        harness.click(QStringLiteral("pasteItem"));
+        QCOMPARE(code(harness), QStringLiteral("ABC123"));
+    }
+
+    void enterTakesEachPagesButtonAndEscapeGoesBack() {
+        ViewHarness harness;
+        AppState& state = harness.start();
+        harness.pressReturn();
+        QCOMPARE(harness.step(), int(OnboardingStep::Pair));
+        QTest::keyClick(harness.window(), Qt::Key_Escape);
+        ViewHarness::settle();
+        QCOMPARE(harness.step(), int(OnboardingStep::Welcome));
+        harness.pressReturn();
+        harness.typeCode(QStringLiteral("abc123"));
+        harness.pressReturn();
+        QTRY_COMPARE(harness.step(), int(OnboardingStep::Folders));
+        // No going back from a paired computer's pages.
+        QTest::keyClick(harness.window(), Qt::Key_Escape);
+        ViewHarness::settle();
+        QCOMPARE(harness.step(), int(OnboardingStep::Folders));
+        harness.pressReturn();
+        QCOMPARE(harness.step(), int(OnboardingStep::Done));
+        harness.pressReturn();
+        QVERIFY(state.paired());
+        QTRY_VERIFY(harness.item(QStringLiteral("homeView")));
+    }
+
+    // Tab follows the page from top to bottom, and the control it reaches shows a ring.
+    void tabFollowsReadingOrderWithAVisibleRing() {
+        ViewHarness harness;
+        harness.start();
+        toPairStep(harness);
+        harness.typeCode(QStringLiteral("abc123"));
+        QStringList order;
+        for (int i = 0; i < 3; ++i) {
+            QQuickItem* focused = harness.tab();
+            QVERIFY(focused);
+            order.append(focused->objectName());
+            // The field shows its focus by its border and caret.
+            QVERIFY2(focused == harness.item(QStringLiteral("codeField")) ||
+                         ViewHarness::showsFocusRing(focused),
+                     qPrintable(order.last()));
+        }
+        QCOMPARE(order, QStringList({QStringLiteral("pairButton"), QStringLiteral("backButton"),
+                                     QStringLiteral("codeField")}));
+        // Clicked, not tabbed to: no ring.
+        harness.click(QStringLiteral("pairButton"));
+        QVERIFY(!ViewHarness::showsFocusRing(harness.item(QStringLiteral("pairButton"))));
+    }
+
+    void linksShowAPointingHandUnderThePointer() {
+        ViewHarness harness;
+        harness.start();
+        toPairStep(harness);
+        QQuickItem* back = harness.item(QStringLiteral("backButton"));
+        QTest::mouseMove(
+            harness.window(),
+            back->mapToScene(QPointF(back->width() / 2, back->height() / 2)).toPoint());
+        ViewHarness::settle();
+        QVERIFY(back->property("hovered").toBool());
+        QCOMPARE(harness.window()->cursor().shape(), Qt::PointingHandCursor);
+    }
+
+    // Unpairing from the tray on a paired computer's pages starts again; no dead end.
+    void unpairingOnTheLaterPagesReturnsToWelcome() {
+        ViewHarness harness;
+        AppState& state = harness.start();
+        toFoldersStep(harness);
+        state.unpair();
+        ViewHarness::settle();
+        QCOMPARE(harness.step(), int(OnboardingStep::Welcome));
+        QVERIFY(harness.item(QStringLiteral("welcomeStep"))->isVisible());
+
+        toFoldersStep(harness);
+        harness.click(QStringLiteral("foldersContinueButton"));
+        QCOMPARE(harness.step(), int(OnboardingStep::Done));
+        state.unpair();
+        ViewHarness::settle();
+        QCOMPARE(harness.step(), int(OnboardingStep::Welcome));
+        QVERIFY(!harness.item(QStringLiteral("doneStep"))->isVisible());
+        toPairStep(harness);
     }
 
     void manyFoldersScrollInsteadOfPushingTheButtonsOut() {

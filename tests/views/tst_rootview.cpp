@@ -4,6 +4,7 @@
 #include "ViewHarness.h"
 #include "ViewsModule.h"
 
+#include <QFont>
 #include <QGuiApplication>
 #include <QQmlEngine>
 #include <QQuickItem>
@@ -43,6 +44,28 @@ private slots:
         const QRect available = window->screen()->availableGeometry();
         QCOMPARE(window->geometry().center(),
                  QRect(available.center() - QPoint(230, 300), QSize(460, 600)).center());
+    }
+
+    // A desktop font half as large again makes everything half as large again, the window
+    // included, so that nothing is cut off.
+    void aLargerDesktopFontMakesALargerWindow() {
+        const QFont original = QGuiApplication::font();
+        QFont large = original;
+        large.setPointSizeF(original.pointSizeF() * 1.5);
+        QGuiApplication::setFont(large);
+        {
+            ViewHarness harness;
+            harness.start();
+            QCOMPARE(harness.window()->size(), QSize(690, 900));
+            QCOMPARE(harness.controller().rootView()->size(), QSizeF(690, 900));
+            QCOMPARE(harness.item(QStringLiteral("welcomeLogo"))->size(), QSizeF(138, 138));
+            QQuickItem* button = harness.item(QStringLiteral("getStartedButton"));
+            QVERIFY(button->mapToScene(QPointF(0, button->height())).y() <= 900 - 54 + 0.5);
+            QQuickItem* subtitle = harness.item(QStringLiteral("welcomeSubtitle"));
+            QCOMPARE(subtitle->property("font").value<QFont>().pixelSize(), 20);
+            QVERIFY(subtitle->mapToScene(QPointF()).y() >= 54);
+        }
+        QGuiApplication::setFont(original);
     }
 
     void closingHidesAndReopeningReturnsTheSameWindowWithItsState() {

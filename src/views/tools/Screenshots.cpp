@@ -1,9 +1,10 @@
-// quillmar-screenshots [--scale N] [output-dir]
+// quillmar-screenshots [--scale N] [--dark] [--font-scale F] [output-dir]
 //
 // Walks the window through every page with a throw-away state (temporary settings, token file,
 // folders and a local stand-in for the pairing service) and saves one PNG per page. Runs
-// offscreen unless QT_QPA_PLATFORM says otherwise. The output directory defaults to
-// "screenshots" in the current directory.
+// offscreen unless QT_QPA_PLATFORM says otherwise. --scale renders at N device pixels per
+// pixel, --dark on a dark desktop palette, --font-scale with the desktop font F times the
+// default. The output directory defaults to "screenshots" in the current directory.
 
 #include "ActivityLog.h"
 #include "AppState.h"
@@ -21,8 +22,10 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFileInfo>
+#include <QFont>
 #include <QGuiApplication>
 #include <QImage>
+#include <QPalette>
 #include <QQuickItem>
 #include <QQuickWindow>
 #include <QTemporaryDir>
@@ -240,15 +243,45 @@ void addLocalAgentActivity(AppState& state) {
     state.activity().append(wrote);
 }
 
+// A dark desktop's palette, as a dark theme gives it to Qt.
+QPalette darkPalette() {
+    QPalette palette;
+    const QColor window(0x2b, 0x2b, 0x2b);
+    const QColor base(0x1e, 0x1e, 0x1e);
+    const QColor text(0xee, 0xee, 0xee);
+    palette.setColor(QPalette::Window, window);
+    palette.setColor(QPalette::WindowText, text);
+    palette.setColor(QPalette::Base, base);
+    palette.setColor(QPalette::AlternateBase, window);
+    palette.setColor(QPalette::Text, text);
+    palette.setColor(QPalette::Button, QColor(0x3a, 0x3a, 0x3a));
+    palette.setColor(QPalette::ButtonText, text);
+    palette.setColor(QPalette::Mid, QColor(0x55, 0x55, 0x55));
+    palette.setColor(QPalette::Dark, QColor(0x18, 0x18, 0x18));
+    palette.setColor(QPalette::Light, QColor(0x60, 0x60, 0x60));
+    palette.setColor(QPalette::Highlight, QColor(0x05, 0x96, 0x69));
+    palette.setColor(QPalette::HighlightedText, Qt::white);
+    palette.setColor(QPalette::ToolTipBase, base);
+    palette.setColor(QPalette::ToolTipText, text);
+    palette.setColor(QPalette::PlaceholderText, QColor(0x88, 0x88, 0x88));
+    return palette;
+}
+
 } // namespace
 
 int main(int argc, char* argv[]) {
     QString outputDir = QStringLiteral("screenshots");
     QByteArray scale;
+    bool dark = false;
+    qreal fontScale = 1;
     for (int i = 1; i < argc; ++i) {
         const QByteArray argument(argv[i]);
         if (argument == "--scale" && i + 1 < argc) {
             scale = argv[++i];
+        } else if (argument == "--dark") {
+            dark = true;
+        } else if (argument == "--font-scale" && i + 1 < argc) {
+            fontScale = qBound(0.5, QByteArray(argv[++i]).toDouble(), 4.0);
         } else {
             outputDir = QString::fromLocal8Bit(argument);
         }
@@ -271,6 +304,14 @@ int main(int argc, char* argv[]) {
 
     QGuiApplication app(argc, argv);
     QDir().mkpath(outputDir);
+    if (dark) {
+        QGuiApplication::setPalette(darkPalette());
+    }
+    if (fontScale != 1) {
+        QFont font = QGuiApplication::font();
+        font.setPointSizeF(font.pointSizeF() * fontScale);
+        QGuiApplication::setFont(font);
+    }
 
     ClaimStub service;
     qputenv("QUILLMAR_API", service.base().toUtf8());
@@ -329,12 +370,13 @@ int main(int argc, char* argv[]) {
     tour.shoot(QStringLiteral("10-home-offline"));
 
     state.bridge().onStatus(true, QStringLiteral("Connected to Quillmar"));
+    // Ten in all, with the two from onboarding.
     for (int i = 1; i <= 8; ++i) {
         const QString path = home.filePath(QStringLiteral("alex/Projects/Project %1").arg(i));
         QDir().mkpath(path);
         state.addFolderAt(path);
     }
-    tour.shoot(QStringLiteral("11-home-many-folders"));
+    tour.shoot(QStringLiteral("11-home-ten-folders"));
     while (!state.folders().isEmpty()) {
         state.removeFolder(state.folders().constFirst());
     }
@@ -363,6 +405,11 @@ int main(int argc, char* argv[]) {
     addLocalAgentActivity(state);
     tour.shoot(QStringLiteral("19-activity-local-agents"));
     QMetaObject::invokeMethod(homeView, "showHome", Q_ARG(QVariant, QVariant(false)));
+    // As after Tab: the focus ring on the first folder's access.
+    if (QQuickItem* toggle = tour.item(QStringLiteral("accessToggle"))) {
+        toggle->forceActiveFocus(Qt::TabFocusReason);
+    }
+    tour.shoot(QStringLiteral("20-home-keyboard-focus"));
 
     state.unpair();
     tour.shoot(QStringLiteral("13-after-unpair"));
