@@ -3,6 +3,7 @@
 #include "AccessPolicy.h"
 #include "SharedFolder.h"
 #include "ToolResult.h"
+#include "WriteApprover.h"
 
 #include <QCoroTask>
 #include <QJsonObject>
@@ -18,13 +19,14 @@ class WriteRecorder;
 class FileService {
 public:
     // Never throws. A coroutine, because a tool may have to wait for the user without blocking
-    // the event loop. The companion's own files are kept out of reach.
+    // the event loop. The companion's own files are kept out of reach. A write happens only when
+    // `approve` allows it.
     static QCoro::Task<QJsonObject> handle(QString method, QJsonObject params,
-                                           QList<SharedFolder> folders);
+                                           QList<SharedFolder> folders, WriteApprover approve = {});
     // The same call, but a big answer (a folder listing) may come back as ready JSON text, the
     // same bytes QJsonDocument would write for handle()'s object.
     static QCoro::Task<ToolResult> run(QString method, QJsonObject params,
-                                       QList<SharedFolder> folders);
+                                       QList<SharedFolder> folders, WriteApprover approve = {});
 
     // Asked once before a write, after every check: true lets it happen. `shownPath` is what
     // the user is to be shown.
@@ -40,5 +42,6 @@ public:
 
 private:
     static QCoro::Task<ToolResult> dispatch(QString method, QJsonObject params,
-                                            QList<SharedFolder> folders, bool asJson);
+                                            QList<SharedFolder> folders, WriteApprover approve,
+                                            bool asJson);
 };

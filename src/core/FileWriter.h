@@ -2,6 +2,7 @@
 
 #include "AccessPolicy.h"
 #include "PendingWrite.h"
+#include "WriteApprover.h"
 
 #include <QByteArray>
 #include <QCoroTask>
@@ -28,8 +29,9 @@ public:
     // The answer when the user said no.
     static QJsonObject declined();
 
-    // All three, asking through WriteApproval. Throws as prepare and commit do.
-    static QCoro::Task<QJsonObject> write(QJsonObject params, AccessPolicy policy);
+    // All three, asking `approve` (none refuses). Throws as prepare and commit do.
+    static QCoro::Task<QJsonObject> write(QJsonObject params, AccessPolicy policy,
+                                          WriteApprover approve);
 
     // Standard alphabet, "=" padding to a multiple of four, nothing else (no line breaks).
     static std::optional<QByteArray> decodeStrictBase64(const QString& text);

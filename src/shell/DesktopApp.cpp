@@ -3,10 +3,8 @@
 #include "AppDelegate.h"
 #include "AppIdentity.h"
 #include "AppState.h"
-#include "ApprovalPrompt.h"
 #include "BridgeClient.h"
 #include "FileDialogFolderChooser.h"
-#include "FolderChooser.h"
 #include "MessageBoxApprovalPrompt.h"
 #include "QuitOnSignals.h"
 #include "SingleInstance.h"
@@ -22,7 +20,8 @@ QString DesktopApp::displayName() {
     return QStringLiteral("Quillmar OS");
 }
 
-int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow) {
+int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow,
+                    const Keychain& keychain, AppOptions options) {
     QApplication app(argc, argv);
     QApplication::setApplicationName(AppIdentity::id());
     QApplication::setApplicationDisplayName(displayName());
@@ -54,16 +53,15 @@ int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow) {
     // Logging out or `kill` ends the loop, so that the bridge is closed properly below.
     QuitOnSignals quitOnSignals;
 
-    ApprovalPrompt::install(std::make_shared<MessageBoxApprovalPrompt>());
-    FolderChooser::install(std::make_shared<FileDialogFolderChooser>());
-
-    AppDelegate delegate(makeWindow());
+    // Before the event loop runs: creating the state may wait for the secret store, and that
+    // wait must not sit inside a running loop.
+    AppState state(AppServices{std::make_shared<MessageBoxApprovalPrompt>(),
+                               std::make_shared<FileDialogFolderChooser>(), keychain},
+                   options);
+    AppDelegate delegate(state, makeWindow());
     QObject::connect(&instance, &SingleInstance::reopenRequested, &delegate,
                      [&delegate] { delegate.applicationShouldHandleReopen(); });
-    // Before the event loop runs: launching may wait for the secret store, and that wait must
-    // not sit inside a running loop.
     delegate.applicationDidFinishLaunching();
-    AppState& state = AppState::shared();
     StateAnnouncer announcer(state, instance);
     const int status = QApplication::exec();
     // A normal close frame, not a connection that just drops.
