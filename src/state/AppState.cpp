@@ -420,6 +420,7 @@ QCoro::Task<bool> AppState::requestWriteApproval(QString path, qint64 bytes) {
     // Kept alive by this call, whatever happens to the state while the user answers.
     const std::shared_ptr<ApprovalPrompt> prompt = m_services.approvalPrompt;
     if (!prompt) {
+        qCDebug(lcState) << "a write was refused: there is nobody to ask";
         co_return false;
     }
     co_return co_await prompt->ask(std::move(path), bytes);
