@@ -528,7 +528,7 @@ private slots:
         QCOMPARE(terminations, 2);
     }
 
-    void theChangeSignalOutlivesNoDelegate() {
+    void aDeletedDelegateHearsNoMoreChanges() {
         launch();
         delegate.reset();
         emit sandbox->state().changed(); // must not touch the deleted delegate
