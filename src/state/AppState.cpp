@@ -237,9 +237,18 @@ QCoro::Task<std::optional<SharedFolder>> AppState::addFolderAndWait() {
         qCWarning(lcState) << "no folder chooser: nothing can be chosen";
         co_return std::nullopt;
     }
+    // The chooser answers later: a second click meanwhile must not open a second one.
+    if (m_choosingFolder) {
+        co_return std::nullopt;
+    }
+    m_choosingFolder = true;
     const QPointer<AppState> self(this);
     const std::optional<QString> chosen = co_await FolderStore::choosePath(*chooser);
-    if (!self || !chosen) {
+    if (!self) {
+        co_return std::nullopt;
+    }
+    m_choosingFolder = false;
+    if (!chosen) {
         co_return std::nullopt;
     }
     // Named against the folders shared now: the list may have changed while the user chose.

@@ -93,7 +93,8 @@ public:
     Q_INVOKABLE void retryKeyring();
     // Asks the user for a folder through the chooser and shares it.
     Q_INVOKABLE void addFolder();
-    // The same, awaitable; the record added, or nothing when no folder was chosen.
+    // The same, awaitable; the record added, or nothing when no folder was chosen. While the
+    // chooser is open, another request adds nothing and asks nothing.
     QCoro::Task<std::optional<SharedFolder>> addFolderAndWait();
     // Shares `path` directly (the command line); returns the record added.
     SharedFolder addFolderAt(const QString& path, bool readOnly = false);
@@ -173,6 +174,7 @@ private:
     QString m_statusText = QStringLiteral("Not connected");
     QList<SharedFolder> m_folders;
     bool m_pairing = false;
+    bool m_choosingFolder = false;
     std::optional<QString> m_pairError;
     std::optional<KeychainError> m_tokenUnreadable;
     bool m_requireWriteApproval = true;

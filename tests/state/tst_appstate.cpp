@@ -8,9 +8,11 @@
 #include "TempTree.h"
 
 #include <QCoroTask>
+#include <QCoroTimer>
 #include <QFile>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTimer>
 
 namespace {
 
@@ -19,6 +21,22 @@ public:
     std::optional<QString> answer;
     QCoro::Task<std::optional<QString>> chooseFolder(QString, QString) override {
         // A copy: GCC 12 moves from a member named in co_return.
+        const std::optional<QString> given = answer;
+        co_return given;
+    }
+};
+
+// Answers only after a while, as a dialog or a desktop portal does.
+class SlowChooser : public FolderChooser {
+public:
+    QString answer;
+    int asked = 0;
+    QCoro::Task<std::optional<QString>> chooseFolder(QString, QString) override {
+        ++asked;
+        QTimer later;
+        later.setSingleShot(true);
+        later.start(50);
+        co_await later;
         const std::optional<QString> given = answer;
         co_return given;
     }
@@ -252,6 +270,24 @@ private slots:
         QCOMPARE(state.folders().size(), 1);
         QCOMPARE(state.folders()[0].name, QStringLiteral("Reports"));
         QCOMPARE(FolderStore::load(), state.folders());
+    }
+
+    void aSecondRequestWhileTheChooserIsOpenAsksNothing() {
+        TempTree tree;
+        auto slow = std::make_shared<SlowChooser>();
+        slow->answer = tree.dir(QStringLiteral("Reports"));
+        running.reset();
+        AppState state(AppServices{prompt, slow, keychain()});
+        QCoro::Task<std::optional<SharedFolder>> first = state.addFolderAndWait();
+        QCOMPARE(QCoro::waitFor(state.addFolderAndWait()), std::nullopt);
+        QCOMPARE(slow->asked, 1);
+        const std::optional<SharedFolder> added = QCoro::waitFor(std::move(first));
+        QVERIFY(added);
+        QCOMPARE(state.folders(), QList<SharedFolder>{*added});
+        // Once answered, the chooser may be asked again.
+        QVERIFY(QCoro::waitFor(state.addFolderAndWait()));
+        QCOMPARE(slow->asked, 2);
+        QCOMPARE(state.folders().size(), 2);
     }
 
     void removingAnUnknownFolderStillSavesAndAnnounces() {
