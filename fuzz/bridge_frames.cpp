@@ -21,7 +21,7 @@
 #include "JsonReader.h"
 #include "PathResolver.h"
 #include "ToolError.h"
-#include "WriteApproval.h"
+#include "WriteApprover.h"
 
 #include <QCoreApplication>
 #include <QCoroTimer>
@@ -64,7 +64,7 @@ private:
     TimerId m_last = 0;
 };
 
-QCoro::Task<ToolResult> echoDispatch(QString, QJsonObject params, QList<SharedFolder>) {
+QCoro::Task<ToolResult> echoDispatch(QJsonObject params) {
     const QString wait = params.value(QStringLiteral("wait")).toString();
     if (wait == u"timer") {
         co_await QCoro::sleepFor(std::chrono::milliseconds(0));
@@ -136,7 +136,7 @@ Expectation expectationFor(const Frame& frame) {
     return expectation;
 }
 
-class Bench {
+class Bench : public BridgeCallHandler {
 public:
     Bench() : m_server(QStringLiteral("fuzz-service"), QWebSocketServer::NonSecureMode) {
         FUZZ_CHECK(m_server.listen(QHostAddress::LocalHost, 0));
@@ -163,9 +163,11 @@ public:
         });
         makeTree();
 
-        client = std::make_unique<BridgeClient>(std::make_unique<StoppedClock>());
-        client->onStatus = [this](bool up, const QString& text) { statuses.append({up, text}); };
-        client->foldersProvider = [this] { return m_folders; };
+        client = std::make_unique<BridgeClient>(this, std::make_unique<StoppedClock>());
+        QObject::connect(client.get(), &BridgeClient::statusChanged,
+                         [this](bool up, const QString& text) {
+                             statuses.append({up, text});
+                         });
         client->connect(QStringLiteral("fuzz-token"),
                         QStringLiteral("http://127.0.0.1:%1").arg(m_server.serverPort()));
         QElapsedTimer clock;
@@ -184,6 +186,14 @@ public:
 
     void run(const uint8_t* data, size_t size);
     void removeTree() { m_tree.remove(); }
+
+    // The stub echoes; otherwise the file tools run over the tree.
+    QCoro::Task<ToolResult> runCall(QString method, QJsonObject params) override {
+        if (m_stub) {
+            return echoDispatch(std::move(params));
+        }
+        return FileService::run(std::move(method), std::move(params), m_folders, m_approve);
+    }
 
     std::unique_ptr<BridgeClient> client;
     QStringList replies;
@@ -209,6 +219,8 @@ private:
 
     QTemporaryDir m_tree;
     QList<SharedFolder> m_folders;
+    bool m_stub = true;
+    WriteApprover m_approve;
     QString m_scratch;
     bool m_scratchTouched = false;
 };
@@ -238,7 +250,7 @@ void Bench::makeTree() {
 
     // Writes are approved inside Scratch only, so the other folders stay as they are and runs
     // stay repeatable. Whatever is approved must lie inside the tree.
-    WriteApproval::setHandler([this](QString path, qint64) -> QCoro::Task<bool> {
+    m_approve = [this](QString path, qint64) -> QCoro::Task<bool> {
         PathResolver::Resolved resolved;
         try {
             resolved = PathResolver::resolve(path, m_folders);
@@ -252,7 +264,7 @@ void Bench::makeTree() {
         const bool allowed = resolved.root == m_scratch;
         m_scratchTouched = m_scratchTouched || allowed;
         co_return allowed;
-    });
+    };
 }
 
 void Bench::resetScratch() {
@@ -301,8 +313,7 @@ void Bench::run(const uint8_t* data, size_t size) {
         return;
     }
     const bool stub = data[0] != 'F';
-    client->dispatcher = stub ? BridgeClient::Dispatcher(&echoDispatch)
-                              : BridgeClient::Dispatcher(&FileService::run);
+    m_stub = stub;
 
     QList<Frame> frames;
     const QList<QByteArray> records = fuzzFields(data + 1, size - 1, frameSeparator);

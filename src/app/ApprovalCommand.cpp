@@ -13,7 +13,8 @@ ApprovalCommand::ApprovalCommand()
 int ApprovalCommand::execute(const QCommandLineParser& parser, QTextStream& out,
                              QTextStream&) const {
     const bool on = parser.positionalArguments().front() == u"on";
-    OfflineState::shared().storeRequireWriteApproval(on);
+    AppState state(OfflineState::services(), OfflineState::options());
+    state.storeRequireWriteApproval(on);
     OfflineState::tellRunningCompanion();
     out << "Ask before writing files: " << (on ? "on" : "off") << "\n" << Qt::flush;
     return 0;

@@ -7,9 +7,10 @@
 #include <optional>
 
 // The command line's "--folder NAME=PATH" values, shared by the subcommands that run tools.
-class FolderArguments {
-public:
-    // A folder with a fresh id; a relative PATH is taken from the current directory. Without a
-    // name or a path, gives nothing and sets `error` to the usage message.
-    static std::optional<SharedFolder> parse(const QString& argument, QString& error);
-};
+namespace FolderArguments {
+
+// A folder with a fresh id; a relative PATH is taken from the current directory. Without a
+// name or a path, gives nothing and sets `error` to the usage message.
+std::optional<SharedFolder> parse(const QString& argument, QString& error);
+
+} // namespace FolderArguments

@@ -16,7 +16,7 @@ int FoldersAccessCommand::execute(const QCommandLineParser& parser, QTextStream&
                                   QTextStream& err) const {
     const QString name = parser.positionalArguments().at(0);
     const QString access = parser.positionalArguments().at(1);
-    AppState& state = OfflineState::shared();
+    AppState state(OfflineState::services(), OfflineState::options());
     for (const SharedFolder& folder : state.folders()) {
         if (folder.name == name) {
             const SharedFolder changed = folder;

@@ -33,8 +33,9 @@ int FoldersAddCommand::execute(const QCommandLineParser& parser, QTextStream& ou
     if (!info.isDir()) {
         return fail(err, QStringLiteral("%1 is not a folder.").arg(path));
     }
-    const SharedFolder added = OfflineState::shared().addFolderAt(
-        QDir::cleanPath(info.absoluteFilePath()), parser.isSet(readOnlyOption()));
+    AppState state(OfflineState::services(), OfflineState::options());
+    const SharedFolder added =
+        state.addFolderAt(QDir::cleanPath(info.absoluteFilePath()), parser.isSet(readOnlyOption()));
     OfflineState::tellRunningCompanion();
     out << added.name << "\n" << Qt::flush;
     return 0;

@@ -16,7 +16,8 @@ FoldersCommand::FoldersCommand()
 }
 
 int FoldersCommand::execute(const QCommandLineParser&, QTextStream& out, QTextStream&) const {
-    for (const SharedFolder& folder : OfflineState::shared().folders()) {
+    AppState state(OfflineState::services(), OfflineState::options());
+    for (const SharedFolder& folder : state.folders()) {
         out << OfflineState::folderLine(folder) << "\n";
     }
     out << Qt::flush;

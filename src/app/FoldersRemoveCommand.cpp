@@ -12,7 +12,7 @@ FoldersRemoveCommand::FoldersRemoveCommand()
 int FoldersRemoveCommand::execute(const QCommandLineParser& parser, QTextStream& out,
                                   QTextStream& err) const {
     const QString name = parser.positionalArguments().front();
-    AppState& state = OfflineState::shared();
+    AppState state(OfflineState::services(), OfflineState::options());
     for (const SharedFolder& folder : state.folders()) {
         if (folder.name == name) {
             const SharedFolder removed = folder;

@@ -57,13 +57,11 @@ int HeadlessRunner::run(QTextStream& out, QTextStream& err) {
         return 1;
     }
 
-    ApprovalPrompt::install(std::make_shared<TerminalApprovalPrompt>());
-
-    AppState& state = AppState::shared();
+    AppState state(AppServices{std::make_shared<TerminalApprovalPrompt>(), nullptr, Keychain()});
     StateAnnouncer announcer(state, instance);
     QString lastStatus;
     QString lastProblem;
-    state.onChange = [&] {
+    const auto tell = [&] {
         if (state.statusText() != lastStatus) {
             lastStatus = state.statusText();
             out << lastStatus << "\n" << Qt::flush;
@@ -76,6 +74,7 @@ int HeadlessRunner::run(QTextStream& out, QTextStream& err) {
             }
         }
     };
+    QObject::connect(&state, &AppState::changed, tell);
 
     if (const std::optional<KeychainError>& unreadable = state.tokenUnreadable()) {
         err << "quillmar-companion: " << unreadablePairingText(*unreadable) << "\n" << Qt::flush;
@@ -109,11 +108,11 @@ int HeadlessRunner::run(QTextStream& out, QTextStream& err) {
     QObject::connect(&state.activity(), &ActivityLog::appended, [&] {
         out << state.activity().at(0).line() << "\n" << Qt::flush;
     });
-    // The bridge reported its first status before onChange was set.
-    state.onChange();
+    // The bridge reported its first status before anyone listened.
+    tell();
 
     const int status = QCoreApplication::exec();
-    state.onChange = nullptr;
+    QObject::disconnect(&state, &AppState::changed, nullptr, nullptr);
     state.bridge().disconnect();
     out << "Stopped\n" << Qt::flush;
     return status;

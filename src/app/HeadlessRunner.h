@@ -5,7 +5,8 @@
 // `quillmar-companion --headless`: the companion without tray or window. Loads folders, token
 // and setting as at launch, keeps the bridge up and serves calls until SIGINT or SIGTERM,
 // printing each status text as it changes.
-class HeadlessRunner {
-public:
-    static int run(QTextStream& out, QTextStream& err);
-};
+namespace HeadlessRunner {
+
+int run(QTextStream& out, QTextStream& err);
+
+} // namespace HeadlessRunner

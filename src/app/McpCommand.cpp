@@ -49,15 +49,10 @@ bool writeOut(const QByteArray& bytes) {
 }
 
 // The calls this process runs itself are told on standard error, one line each.
-void announceOwnCalls() {
-    static bool announcing = false;
-    if (announcing) {
-        return;
-    }
-    announcing = true;
-    QObject::connect(&AppState::shared().activity(), &ActivityLog::appended, [] {
+void announceOwnCalls(AppState& state) {
+    QObject::connect(&state.activity(), &ActivityLog::appended, [&state] {
         const QByteArray line =
-            "quillmar-companion: " + AppState::shared().activity().at(0).line().toUtf8() + '\n';
+            "quillmar-companion: " + state.activity().at(0).line().toUtf8() + '\n';
         if (::write(STDERR_FILENO, line.constData(), std::size_t(line.size())) != line.size()) {
             qCDebug(lcMcpCommand) << "a call's line did not reach standard error";
         }
@@ -67,8 +62,9 @@ void announceOwnCalls() {
 } // namespace
 
 // A call goes to the running companion when there is one, else runs here.
-QCoro::Task<ToolResult> McpCommand::runCall(CompanionLink& link, QString method, QJsonObject params,
-                                            QString agent) {
+QCoro::Task<ToolResult> McpCommand::runCall(CompanionLink& link,
+                                            const std::function<AppState&()>& ownState,
+                                            QString method, QJsonObject params, QString agent) {
     const QJsonObject call{{QStringLiteral("agent"), agent},
                            {QStringLiteral("method"), method},
                            {QStringLiteral("params"), params}};
@@ -85,9 +81,8 @@ QCoro::Task<ToolResult> McpCommand::runCall(CompanionLink& link, QString method,
         }
         co_return ToolResult(FileService::errorObject(QString::fromUtf8(reply->mid(1))));
     }
-    announceOwnCalls();
     QCoro::Task<ToolResult> running =
-        AppState::shared().runAgentCall(std::move(method), std::move(params), std::move(agent));
+        ownState().runAgentCall(std::move(method), std::move(params), std::move(agent));
     ToolResult result = co_await running;
     co_return result;
 }
@@ -103,15 +98,25 @@ int McpCommand::execute(const QCommandLineParser&, QTextStream&, QTextStream& er
     // Standard input and output carry the protocol: the question before a write, when this
     // process has to ask it, goes to the terminal itself.
     const int terminal = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    std::shared_ptr<ApprovalPrompt> prompt;
     if (terminal >= 0) {
-        ApprovalPrompt::install(std::make_shared<TerminalApprovalPrompt>(terminal, terminal));
+        prompt = std::make_shared<TerminalApprovalPrompt>(terminal, terminal);
     }
-    AppState::setPairingUsed(false);
+    // Made only when a call runs here: while a companion runs, it has the state.
+    std::unique_ptr<AppState> state;
+    const std::function<AppState&()> ownState = [&]() -> AppState& {
+        if (!state) {
+            state = std::make_unique<AppState>(AppServices{prompt, nullptr, Keychain()},
+                                               AppOptions{false, false});
+            announceOwnCalls(*state);
+        }
+        return *state;
+    };
 
     CompanionLink link(SingleInstance::defaultDirectory());
     McpServer server(
-        [&link](QString method, QJsonObject params, QString agent) {
-            return runCall(link, std::move(method), std::move(params), std::move(agent));
+        [&link, &ownState](QString method, QJsonObject params, QString agent) {
+            return runCall(link, ownState, std::move(method), std::move(params), std::move(agent));
         },
         QCoreApplication::applicationVersion());
     bool clientGone = false;

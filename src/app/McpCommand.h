@@ -6,6 +6,9 @@
 #include <QCoroTask>
 #include <QJsonObject>
 
+#include <functional>
+
+class AppState;
 class CompanionLink;
 
 // `mcp`: a Model Context Protocol server on standard input and output for agents on this
@@ -22,6 +25,8 @@ protected:
                 QTextStream& err) const override;
 
 private:
-    static QCoro::Task<ToolResult> runCall(CompanionLink& link, QString method, QJsonObject params,
-                                           QString agent);
+    // `ownState` gives this process's own state, made when the first call runs here.
+    static QCoro::Task<ToolResult> runCall(CompanionLink& link,
+                                           const std::function<AppState&()>& ownState,
+                                           QString method, QJsonObject params, QString agent);
 };

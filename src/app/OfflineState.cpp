@@ -1,11 +1,13 @@
 #include "OfflineState.h"
 
-#include "AppState.h"
 #include "SingleInstance.h"
 
-AppState& OfflineState::shared() {
-    AppState::setBridgeEnabled(false);
-    return AppState::shared();
+AppServices OfflineState::services() {
+    return AppServices{nullptr, nullptr, Keychain()};
+}
+
+AppOptions OfflineState::options() {
+    return AppOptions{false, true};
 }
 
 void OfflineState::tellRunningCompanion() {

@@ -13,7 +13,7 @@ PairCommand::PairCommand()
 
 int PairCommand::execute(const QCommandLineParser& parser, QTextStream& out,
                          QTextStream& err) const {
-    AppState& state = OfflineState::shared();
+    AppState state(OfflineState::services(), OfflineState::options());
     QCoro::waitFor(state.pairAndWait(parser.positionalArguments().front()));
     if (!state.paired() || state.hasPairError()) {
         err << state.pairErrorText() << "\n" << Qt::flush;

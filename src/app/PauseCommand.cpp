@@ -8,7 +8,8 @@ PauseCommand::PauseCommand()
               QStringLiteral("close the connection until resume (kept across restarts)")) {}
 
 int PauseCommand::execute(const QCommandLineParser&, QTextStream& out, QTextStream&) const {
-    OfflineState::shared().setPaused(true);
+    AppState state(OfflineState::services(), OfflineState::options());
+    state.setPaused(true);
     OfflineState::tellRunningCompanion();
     out << "Sharing paused: agents can't reach your files until you resume.\n" << Qt::flush;
     return 0;

@@ -3,6 +3,7 @@
 #include "AccessPolicy.h"
 #include "AppIdentity.h"
 #include "AppState.h"
+#include "OfflineState.h"
 #include "SingleInstance.h"
 #include "VersionStore.h"
 #include "VisibleText.h"
@@ -17,9 +18,9 @@ RestoreCommand::RestoreCommand()
 int RestoreCommand::execute(const QCommandLineParser& parser, QTextStream& out,
                             QTextStream& err) const {
     const QString id = parser.positionalArguments().front();
-    AppState::setBridgeEnabled(false);
     // The user's own action: read-only folders may be written back too.
-    QList<SharedFolder> folders = AppState::shared().folders();
+    QList<SharedFolder> folders =
+        AppState(OfflineState::services(), OfflineState::options()).folders();
     for (SharedFolder& folder : folders) {
         folder.readOnly = false;
     }

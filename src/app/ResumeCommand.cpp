@@ -8,7 +8,8 @@ ResumeCommand::ResumeCommand()
               QStringLiteral("let agents reach the shared folders again")) {}
 
 int ResumeCommand::execute(const QCommandLineParser&, QTextStream& out, QTextStream&) const {
-    OfflineState::shared().setPaused(false);
+    AppState state(OfflineState::services(), OfflineState::options());
+    state.setPaused(false);
     OfflineState::tellRunningCompanion();
     out << "Sharing resumed.\n" << Qt::flush;
     return 0;

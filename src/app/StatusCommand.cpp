@@ -32,7 +32,7 @@ StatusCommand::StatusCommand()
               QStringLiteral("pairing, service, approval setting and shared folders")) {}
 
 int StatusCommand::execute(const QCommandLineParser&, QTextStream& out, QTextStream&) const {
-    const AppState& state = OfflineState::shared();
+    const AppState state(OfflineState::services(), OfflineState::options());
     out << pairedLine(state) << "\n";
     // The running companion, if any, tells how its connection is doing.
     if (const std::optional<QJsonObject> running =

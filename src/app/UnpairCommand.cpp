@@ -23,7 +23,7 @@ UnpairCommand::UnpairCommand()
               QStringLiteral("forget the pairing (the shared folders are kept)")) {}
 
 int UnpairCommand::execute(const QCommandLineParser&, QTextStream& out, QTextStream& err) const {
-    AppState& state = OfflineState::shared();
+    AppState state(OfflineState::services(), OfflineState::options());
     const bool wasPaired = state.paired();
     const std::optional<KeychainError> failure = QCoro::waitFor(state.unpairAndWait());
     if (failure) {

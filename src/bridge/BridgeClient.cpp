@@ -27,17 +27,18 @@ const QString connectingText = QStringLiteral("Connecting\u2026");
 // A socket we closed gets this long to finish the closing handshake before it is cut.
 constexpr std::chrono::seconds closeGrace{5};
 
-QCoro::Task<ToolResult> unknownMethod(QString method, QJsonObject, QList<SharedFolder>) {
+QCoro::Task<ToolResult> unknownMethod(QString method) {
     co_return FileService::errorObject(QStringLiteral("Unknown method: ") + method);
 }
 
 } // namespace
 
-BridgeClient::BridgeClient(QObject* parent)
-    : BridgeClient(std::make_unique<QtBridgeScheduler>(), parent) {}
+BridgeClient::BridgeClient(BridgeCallHandler* calls, QObject* parent)
+    : BridgeClient(calls, std::make_unique<QtBridgeScheduler>(), parent) {}
 
-BridgeClient::BridgeClient(std::unique_ptr<BridgeScheduler> scheduler, QObject* parent)
-    : QObject(parent), dispatcher(&FileService::run), m_scheduler(std::move(scheduler)) {
+BridgeClient::BridgeClient(BridgeCallHandler* calls, std::unique_ptr<BridgeScheduler> scheduler,
+                           QObject* parent)
+    : QObject(parent), m_calls(calls), m_scheduler(std::move(scheduler)) {
     if (!m_scheduler) {
         m_scheduler = std::make_unique<QtBridgeScheduler>();
     }
@@ -265,7 +266,7 @@ QCoro::Task<> BridgeClient::receive() {
         try {
             co_await handle(std::move(frame.text));
         } catch (...) {
-            // A misbehaving dispatcher must not wedge the loop; the call goes unanswered.
+            // A misbehaving call handler must not wedge the loop; the call goes unanswered.
             qCWarning(lcBridge) << "a frame's handling failed; it goes unanswered";
         }
         if (!self) {
@@ -307,13 +308,12 @@ QCoro::Task<> BridgeClient::handleCall(QJsonObject frame) {
     const QString reqId = frame.value(QStringLiteral("req_id")).toString();
     const QString method = frame.value(QStringLiteral("method")).toString();
     const QJsonObject params = frame.value(QStringLiteral("params")).toObject();
-    const QList<SharedFolder> folders = foldersProvider ? foldersProvider() : QList<SharedFolder>();
 
-    // A copy: the owner may swap the dispatcher while this call waits.
-    const Dispatcher dispatch = dispatcher ? dispatcher : Dispatcher(&unknownMethod);
+    QCoro::Task<ToolResult> running =
+        m_calls ? m_calls->runCall(method, params) : unknownMethod(method);
     // One plain co_await and the reply built outside the coroutine: GCC 12 mishandles
     // temporaries of non-trivial types in branches around a suspension point.
-    const ToolResult result = co_await dispatch(method, params, folders);
+    const ToolResult result = co_await running;
     if (!self) {
         co_return;
     }
@@ -438,8 +438,5 @@ void BridgeClient::cancelTimer(BridgeScheduler::TimerId& id) {
 void BridgeClient::report(bool online, const QString& text) {
     // The last step of every caller, so that the owner may do anything in it, connect() and
     // disconnect() included.
-    const StatusCallback callback = onStatus;
-    if (callback) {
-        callback(online, text);
-    }
+    emit statusChanged(online, text);
 }

@@ -1,13 +1,12 @@
 #pragma once
 
+#include "BridgeCallHandler.h"
 #include "BridgeScheduler.h"
 #include "ConnectionProblem.h"
-#include "SharedFolder.h"
 #include "ToolResult.h"
 
 #include <QCoroTask>
 #include <QJsonObject>
-#include <QList>
 #include <QObject>
 #include <QPointer>
 #include <QQueue>
@@ -15,7 +14,6 @@
 #include <QUrl>
 
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <optional>
 
@@ -25,34 +23,24 @@ class WebSocketConnection;
 // The companion's one WebSocket to the service. Opens it from the API base and the device token,
 // answers the service's tool calls strictly one at a time, sends a keep-alive ping every 30 s,
 // and reconnects with back-off after any failure. Everything runs on the owner's thread; the
-// owner learns about the connection only through `onStatus`.
+// owner learns about the connection only through statusChanged.
 class BridgeClient : public QObject {
     Q_OBJECT
 
 public:
-    using StatusCallback = std::function<void(bool online, const QString& text)>;
-    using FoldersProvider = std::function<QList<SharedFolder>()>;
-    using Dispatcher = std::function<QCoro::Task<ToolResult>(QString method, QJsonObject params,
-                                                             QList<SharedFolder> folders)>;
-
     static constexpr std::chrono::seconds keepAliveInterval{30};
     static constexpr std::chrono::seconds requestTimeout{60};
     static constexpr std::chrono::seconds longestReconnectDelay{30};
     // After a keep-alive ping, how long the connection may stay silent before it counts as dead.
     static constexpr std::chrono::seconds answerTimeout{20};
 
-    explicit BridgeClient(QObject* parent = nullptr);
+    // `calls` runs the service's tool calls and must outlive the client; without one every call
+    // is answered as an unknown method.
+    explicit BridgeClient(BridgeCallHandler* calls, QObject* parent = nullptr);
     // Takes its timers from `scheduler` (tests step a manual clock through it).
-    explicit BridgeClient(std::unique_ptr<BridgeScheduler> scheduler, QObject* parent = nullptr);
+    BridgeClient(BridgeCallHandler* calls, std::unique_ptr<BridgeScheduler> scheduler,
+                 QObject* parent = nullptr);
     ~BridgeClient() override;
-
-    // Status sink, (online, text); called on this thread. Set before connecting. It may end the
-    // client with deleteLater(), not delete: it runs inside the client's own event handling.
-    StatusCallback onStatus;
-    // The shared folders, read when each call starts. None when unset.
-    FoldersProvider foldersProvider;
-    // Runs one tool call; FileService::run unless replaced.
-    Dispatcher dispatcher;
 
     // Stores the base and token and opens a socket. Keeps the reconnect counter; closes a socket
     // that is still open (it would otherwise linger unread) and drops a pending reconnection.
@@ -82,6 +70,9 @@ public:
 signals:
     // problem() changed.
     void problemChanged();
+    // Whether the service said hello, and the status in words. A receiver may end the client
+    // with deleteLater(), not delete: it runs inside the client's own event handling.
+    void statusChanged(bool online, const QString& text);
 
 private:
     struct Frame {
@@ -111,6 +102,7 @@ private:
     void cancelTimer(BridgeScheduler::TimerId& id);
     void report(bool online, const QString& text);
 
+    BridgeCallHandler* m_calls;
     std::unique_ptr<BridgeScheduler> m_scheduler;
     QPointer<WebSocketConnection> m_task;
     bool m_open = false;

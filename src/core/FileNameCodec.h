@@ -7,8 +7,9 @@
 // Converts file names between the bytes the file system stores and QString. QFile::decodeName
 // drops a U+FEFF at the start of a name, which would make such a file show up under a name
 // that does not exist (or that belongs to another file); this keeps it.
-class FileNameCodec {
-public:
-    static QString decode(QByteArrayView name);
-    static QByteArray encode(const QString& name);
-};
+namespace FileNameCodec {
+
+QString decode(QByteArrayView name);
+QByteArray encode(const QString& name);
+
+} // namespace FileNameCodec

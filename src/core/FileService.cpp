@@ -60,25 +60,15 @@ QJsonObject FileService::errorObject(const QString& message) {
     return QJsonObject{{QStringLiteral("error"), message}};
 }
 
-QCoro::Task<QJsonObject> FileService::handle(QString method, QJsonObject params,
-                                             QList<SharedFolder> folders) {
-    const ToolResult result =
-        co_await dispatch(std::move(method), std::move(params), std::move(folders), false);
-    co_return result.toObject();
-}
+namespace {
 
-QCoro::Task<ToolResult> FileService::run(QString method, QJsonObject params,
-                                         QList<SharedFolder> folders) {
-    return dispatch(std::move(method), std::move(params), std::move(folders), true);
-}
-
-QCoro::Task<ToolResult> FileService::dispatch(QString method, QJsonObject params,
-                                              QList<SharedFolder> folders, bool asJson) {
+QCoro::Task<ToolResult> dispatch(QString method, QJsonObject params, QList<SharedFolder> folders,
+                                 WriteApprover approve, bool asJson) {
     const AccessPolicy policy(std::move(folders), AppIdentity::ownFiles());
     std::exception_ptr failure;
     try {
         if (method == u"local_write_file") {
-            co_return co_await FileWriter::write(params, policy);
+            co_return co_await FileWriter::write(params, policy, std::move(approve));
         }
         if (std::optional<ToolResult> result = runDirect(method, params, policy, asJson)) {
             co_return std::move(*result);
@@ -90,6 +80,21 @@ QCoro::Task<ToolResult> FileService::dispatch(QString method, QJsonObject params
         co_return describeFailure(failure);
     }
     co_return unknownMethod(method);
+}
+
+} // namespace
+
+QCoro::Task<QJsonObject> FileService::handle(QString method, QJsonObject params,
+                                             QList<SharedFolder> folders, WriteApprover approve) {
+    const ToolResult result = co_await dispatch(std::move(method), std::move(params),
+                                                std::move(folders), std::move(approve), false);
+    co_return result.toObject();
+}
+
+QCoro::Task<ToolResult> FileService::run(QString method, QJsonObject params,
+                                         QList<SharedFolder> folders, WriteApprover approve) {
+    return dispatch(std::move(method), std::move(params), std::move(folders), std::move(approve),
+                    true);
 }
 
 ToolResult FileService::execute(const QString& method, const QJsonObject& params,

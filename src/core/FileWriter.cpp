@@ -8,7 +8,6 @@
 #include "PathResolver.h"
 #include "Platform.h"
 #include "ToolError.h"
-#include "WriteApproval.h"
 #include "WriteRecorder.h"
 
 #include <cerrno>
@@ -204,9 +203,13 @@ QJsonObject FileWriter::declined() {
                                     Platform::device() + u'.');
 }
 
-QCoro::Task<QJsonObject> FileWriter::write(QJsonObject params, AccessPolicy policy) {
+QCoro::Task<QJsonObject> FileWriter::write(QJsonObject params, AccessPolicy policy,
+                                           WriteApprover approve) {
     PendingWrite pending = prepare(params, policy);
-    const bool approved = co_await WriteApproval::request(pending.shownPath, pending.data.size());
+    if (!approve) {
+        co_return declined();
+    }
+    const bool approved = co_await approve(pending.shownPath, pending.data.size());
     if (!approved) {
         co_return declined();
     }

@@ -2,6 +2,7 @@
 
 #include "AccessPolicy.h"
 #include "PendingWrite.h"
+#include "WriteApprover.h"
 
 #include <QByteArray>
 #include <QCoroTask>
@@ -15,22 +16,23 @@ class WriteRecorder;
 // local_write_file: creates or replaces one file inside a shared folder, after the user's
 // approval. In three steps, so that the question can be asked anywhere in between: prepare
 // (every check, nothing touched), the approval, commit.
-class FileWriter {
-public:
-    // Throws ToolError before anything is asked or touched.
-    static PendingWrite prepare(const QJsonObject& params, const AccessPolicy& policy);
-    // Throws FileSystemError when the write fails, ToolError when the place has left the shared
-    // folders since it was checked. `recorder`, when given, is told what is replaced or made.
-    static QJsonObject commit(PendingWrite& write, const AccessPolicy& policy,
-                              WriteRecorder* recorder = nullptr);
-    // The refusal for a write into a folder shared read-only.
-    static QString readOnlyMessage(const QString& folderName);
-    // The answer when the user said no.
-    static QJsonObject declined();
+namespace FileWriter {
 
-    // All three, asking through WriteApproval. Throws as prepare and commit do.
-    static QCoro::Task<QJsonObject> write(QJsonObject params, AccessPolicy policy);
+// Throws ToolError before anything is asked or touched.
+PendingWrite prepare(const QJsonObject& params, const AccessPolicy& policy);
+// Throws FileSystemError when the write fails, ToolError when the place has left the shared
+// folders since it was checked. `recorder`, when given, is told what is replaced or made.
+QJsonObject commit(PendingWrite& write, const AccessPolicy& policy,
+                   WriteRecorder* recorder = nullptr);
+// The refusal for a write into a folder shared read-only.
+QString readOnlyMessage(const QString& folderName);
+// The answer when the user said no.
+QJsonObject declined();
 
-    // Standard alphabet, "=" padding to a multiple of four, nothing else (no line breaks).
-    static std::optional<QByteArray> decodeStrictBase64(const QString& text);
-};
+// All three, asking `approve` (none refuses). Throws as prepare and commit do.
+QCoro::Task<QJsonObject> write(QJsonObject params, AccessPolicy policy, WriteApprover approve);
+
+// Standard alphabet, "=" padding to a multiple of four, nothing else (no line breaks).
+std::optional<QByteArray> decodeStrictBase64(const QString& text);
+
+} // namespace FileWriter

@@ -10,21 +10,6 @@ Q_LOGGING_CATEGORY(lcSecrets, "quillmar.secrets", QtWarningMsg)
 
 namespace {
 
-Keychain::Backend pinnedBackend = Keychain::Backend::Automatic;
-std::chrono::milliseconds storeTimeout = Keychain::defaultSecretStoreTimeout;
-
-bool useSecretStore() {
-    switch (pinnedBackend) {
-    case Keychain::Backend::SecretStore:
-        return true;
-    case Keychain::Backend::TokenFile:
-        return false;
-    case Keychain::Backend::Automatic:
-        break;
-    }
-    return SecretStore::isReachable();
-}
-
 // Bytes that are not UTF-8 are not a token of ours.
 std::optional<QString> decodeToken(const QByteArray& bytes) {
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
@@ -64,23 +49,24 @@ QString Keychain::account() {
     return QStringLiteral("device_token");
 }
 
-void Keychain::setBackend(Backend backend) {
-    pinnedBackend = backend;
+Keychain::Keychain(Backend backend, std::chrono::milliseconds secretStoreTimeout)
+    : m_backend(backend), m_secretStoreTimeout(secretStoreTimeout) {}
+
+bool Keychain::useSecretStore() const {
+    switch (m_backend) {
+    case Backend::SecretStore:
+        return true;
+    case Backend::TokenFile:
+        return false;
+    case Backend::Automatic:
+        break;
+    }
+    return SecretStore::isReachable();
 }
 
-Keychain::Backend Keychain::backend() {
-    return pinnedBackend;
-}
-
-void Keychain::setSecretStoreTimeout(std::chrono::milliseconds timeout) {
-    storeTimeout = timeout;
-}
-
-std::chrono::milliseconds Keychain::secretStoreTimeout() {
-    return storeTimeout;
-}
-
-QCoro::Task<std::optional<KeychainError>> Keychain::saveToken(QString token) {
+QCoro::Task<std::optional<KeychainError>> Keychain::saveToken(QString token) const {
+    // Copied: the keychain may be gone by the time the store answers.
+    const std::chrono::milliseconds timeout = m_secretStoreTimeout;
     const TokenFile file;
     if (!useSecretStore()) {
         if (!file.save(token.toUtf8())) {
@@ -94,18 +80,19 @@ QCoro::Task<std::optional<KeychainError>> Keychain::saveToken(QString token) {
         qCWarning(lcSecrets) << "could not remove the token file" << file.path();
     }
     const SecretStore::Reply reply =
-        co_await SecretStore::replace(service(), account(), token, storeTimeout);
+        co_await SecretStore::replace(service(), account(), token, timeout);
     co_return errorOf(reply);
 }
 
-QCoro::Task<TokenLookup> Keychain::loadToken() {
+QCoro::Task<TokenLookup> Keychain::loadToken() const {
+    // Copied: the keychain may be gone by the time the store answers.
+    const std::chrono::milliseconds timeout = m_secretStoreTimeout;
     const TokenFile file;
     if (!useSecretStore()) {
         const std::optional<QByteArray> bytes = file.load();
         co_return TokenLookup{bytes ? decodeToken(*bytes) : std::nullopt, std::nullopt};
     }
-    const SecretStore::Reply stored =
-        co_await SecretStore::read(service(), account(), storeTimeout);
+    const SecretStore::Reply stored = co_await SecretStore::read(service(), account(), timeout);
     if (stored.outcome == SecretStore::Outcome::Done) {
         co_return TokenLookup{decodeToken(stored.secret), std::nullopt};
     }
@@ -119,7 +106,7 @@ QCoro::Task<TokenLookup> Keychain::loadToken() {
         co_return TokenLookup{};
     }
     const SecretStore::Reply moved =
-        co_await SecretStore::replace(service(), account(), *token, storeTimeout);
+        co_await SecretStore::replace(service(), account(), *token, timeout);
     if (moved.outcome != SecretStore::Outcome::Done) {
         qCDebug(lcSecrets) << "the token stays in its file: the secret store did not take it";
     } else if (!file.remove()) {
@@ -128,12 +115,14 @@ QCoro::Task<TokenLookup> Keychain::loadToken() {
     co_return TokenLookup{token, std::nullopt};
 }
 
-QCoro::Task<std::optional<KeychainError>> Keychain::deleteToken() {
+QCoro::Task<std::optional<KeychainError>> Keychain::deleteToken() const {
+    // Copied: the keychain may be gone by the time the store answers.
+    const std::chrono::milliseconds timeout = m_secretStoreTimeout;
     const TokenFile file;
     const bool fileGone = file.remove();
     std::optional<KeychainError> failure;
     if (useSecretStore()) {
-        failure = errorOf(co_await SecretStore::remove(service(), account(), storeTimeout));
+        failure = errorOf(co_await SecretStore::remove(service(), account(), timeout));
     }
     if (!failure && !fileGone) {
         failure = fileError(QStringLiteral("the token file %1 could not be removed"), file);

@@ -30,20 +30,27 @@ public:
     // Long enough for the user to unlock a locked keyring, short of forever.
     static constexpr std::chrono::minutes defaultSecretStoreTimeout{2};
 
-    // Nothing on success.
-    static QCoro::Task<std::optional<KeychainError>> saveToken(QString token);
-    static QCoro::Task<TokenLookup> loadToken();
-    // Nothing once no token is left.
-    static QCoro::Task<std::optional<KeychainError>> deleteToken();
-
-    // Pins the backend instead of choosing per call; for tests and diagnostics.
+    // Automatic chooses per call as above; the others pin one backend (tests, diagnostics).
     enum class Backend { Automatic, SecretStore, TokenFile };
-    static void setBackend(Backend backend);
-    static Backend backend();
-    // For tests that need a store which never answers to give up soon.
-    static void setSecretStoreTimeout(std::chrono::milliseconds timeout);
-    static std::chrono::milliseconds secretStoreTimeout();
+
+    explicit Keychain(Backend backend = Backend::Automatic,
+                      std::chrono::milliseconds secretStoreTimeout = defaultSecretStoreTimeout);
+
+    // Nothing on success.
+    QCoro::Task<std::optional<KeychainError>> saveToken(QString token) const;
+    QCoro::Task<TokenLookup> loadToken() const;
+    // Nothing once no token is left.
+    QCoro::Task<std::optional<KeychainError>> deleteToken() const;
+
+    Backend backend() const { return m_backend; }
+    std::chrono::milliseconds secretStoreTimeout() const { return m_secretStoreTimeout; }
 
     static QString service();
     static QString account();
+
+private:
+    bool useSecretStore() const;
+
+    Backend m_backend;
+    std::chrono::milliseconds m_secretStoreTimeout;
 };

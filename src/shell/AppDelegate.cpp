@@ -14,8 +14,9 @@
 #include <QSystemTrayIcon>
 #include <QTimer>
 
-AppDelegate::AppDelegate(std::unique_ptr<WindowPresenter> onboarding, QObject* parent)
-    : QObject(parent), m_onboarding(std::move(onboarding)),
+AppDelegate::AppDelegate(AppState& state, std::unique_ptr<WindowPresenter> onboarding,
+                         QObject* parent)
+    : QObject(parent), m_state(state), m_onboarding(std::move(onboarding)),
       m_terminate([] { QCoreApplication::quit(); }),
       m_trayAvailable([] { return QSystemTrayIcon::isSystemTrayAvailable(); }) {}
 
@@ -46,12 +47,7 @@ void AppDelegate::applicationDidFinishLaunching() {
     connect(m_statusItem, &QSystemTrayIcon::activated, this,
             [this](QSystemTrayIcon::ActivationReason reason) { statusItemActivated(reason); });
 
-    QPointer<AppDelegate> self(this);
-    AppState::shared().onChange = [self] {
-        if (self) {
-            self->rebuild();
-        }
-    };
+    connect(&m_state, &AppState::changed, this, &AppDelegate::rebuild);
     // The agents' calls are not state changes, but the menu lists the latest of them. Calls can
     // come hundreds a second: the menu follows them a few times a second at most, and never
     // holds up the call's answer.
@@ -59,7 +55,7 @@ void AppDelegate::applicationDidFinishLaunching() {
     m_activityRebuild->setSingleShot(true);
     m_activityRebuild->setInterval(200);
     connect(m_activityRebuild, &QTimer::timeout, this, &AppDelegate::rebuild);
-    ActivityLog& activity = AppState::shared().activity();
+    ActivityLog& activity = m_state.activity();
     const auto soon = [this] {
         if (!m_activityRebuild->isActive()) {
             m_activityRebuild->start();
@@ -77,7 +73,7 @@ void AppDelegate::applicationDidFinishLaunching() {
 
     const bool trayAvailable = m_trayAvailable();
     const bool asked = qEnvironmentVariable("QUILLMAR_SHOW_ONBOARDING") == u"1";
-    if (!AppState::shared().paired() || asked || !trayAvailable) {
+    if (!m_state.paired() || asked || !trayAvailable) {
         showWindow();
     }
 }
@@ -113,7 +109,7 @@ void AppDelegate::rebuild() {
     if (!m_statusItem) {
         qFatal("AppDelegate::rebuild() before the tray icon exists");
     }
-    m_model = StatusMenuModel::build(AppState::shared());
+    m_model = StatusMenuModel::build(m_state);
 
     m_statusItem->setIcon(iconFor(m_model.symbolName));
     // Panels have no room for a title next to the icon; it goes into the tool tip.
@@ -212,7 +208,7 @@ void AppDelegate::showWindow() {
 }
 
 void AppDelegate::addFolderTapped() {
-    AppState::shared().addFolder();
+    m_state.addFolder();
 }
 
 const SharedFolder* AppDelegate::folderNamedBy(const QAction& sender) const {
@@ -221,7 +217,7 @@ const SharedFolder* AppDelegate::folderNamedBy(const QAction& sender) const {
         return nullptr;
     }
     const QString id = represented.toString();
-    for (const SharedFolder& folder : AppState::shared().folders()) {
+    for (const SharedFolder& folder : m_state.folders()) {
         if (folder.idString() == id) {
             return &folder;
         }
@@ -233,32 +229,32 @@ void AppDelegate::removeFolderTapped(const QAction& sender) {
     if (const SharedFolder* folder = folderNamedBy(sender)) {
         // A copy: removing the folder changes the list it came from.
         const SharedFolder found = *folder;
-        AppState::shared().removeFolder(found);
+        m_state.removeFolder(found);
     }
 }
 
 void AppDelegate::toggleReadOnlyTapped(const QAction& sender) {
     if (const SharedFolder* folder = folderNamedBy(sender)) {
-        // A copy, as above; onChange then rebuilds the menu with the check mark moved.
+        // A copy, as above; `changed` then rebuilds the menu with the check mark moved.
         const SharedFolder found = *folder;
-        AppState::shared().setFolderReadOnly(found, !found.readOnly);
+        m_state.setFolderReadOnly(found, !found.readOnly);
     }
 }
 
 void AppDelegate::toggleApproval() {
-    // Flips the setting, stores it under "require_write_approval" and calls onChange, which
+    // Flips the setting, stores it under "require_write_approval" and emits `changed`, which
     // rebuilds the menu with the check mark where it now belongs.
-    AppState& state = AppState::shared();
+    AppState& state = m_state;
     state.storeRequireWriteApproval(!state.requireWriteApproval());
 }
 
 void AppDelegate::togglePause() {
-    AppState& state = AppState::shared();
+    AppState& state = m_state;
     state.setPaused(!state.paused());
 }
 
 void AppDelegate::unpairTapped() {
-    AppState::shared().unpair();
+    m_state.unpair();
     showWindow();
 }
 

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 
+class AppState;
 class MainMenuShortcuts;
 class QAction;
 class QMenu;
@@ -26,12 +27,14 @@ class AppDelegate : public QObject {
     Q_OBJECT
 
 public:
-    explicit AppDelegate(std::unique_ptr<WindowPresenter> onboarding, QObject* parent = nullptr);
+    // `state` must outlive the delegate.
+    AppDelegate(AppState& state, std::unique_ptr<WindowPresenter> onboarding,
+                QObject* parent = nullptr);
     ~AppDelegate() override;
 
-    // Launch: main menu, tray icon, the state's change callback, the first menu, and the window
+    // Launch: main menu, tray icon, the state's change signal, the first menu, and the window
     // when the computer is not paired, when QUILLMAR_SHOW_ONBOARDING is "1", or when there is
-    // no tray to reach the menu through. The first use of AppState::shared() happens here.
+    // no tray to reach the menu through.
     void applicationDidFinishLaunching();
     // The companion was launched again while running: bring up the window. Always true.
     bool applicationShouldHandleReopen(bool hasVisibleWindows = false);
@@ -70,6 +73,7 @@ private:
     const SharedFolder* folderNamedBy(const QAction& sender) const;
     QIcon iconFor(const QString& symbolName);
 
+    AppState& m_state;
     QSystemTrayIcon* m_statusItem = nullptr;
     std::unique_ptr<WindowPresenter> m_onboarding;
 

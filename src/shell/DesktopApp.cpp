@@ -3,10 +3,8 @@
 #include "AppDelegate.h"
 #include "AppIdentity.h"
 #include "AppState.h"
-#include "ApprovalPrompt.h"
 #include "BridgeClient.h"
 #include "FileDialogFolderChooser.h"
-#include "FolderChooser.h"
 #include "MessageBoxApprovalPrompt.h"
 #include "QuitOnSignals.h"
 #include "SingleInstance.h"
@@ -22,7 +20,8 @@ QString DesktopApp::displayName() {
     return QStringLiteral("Quillmar OS");
 }
 
-int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow) {
+int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow,
+                    const Keychain& keychain, AppOptions options) {
     QApplication app(argc, argv);
     // Tray hosts take the application name as the tray item's title, so it is the name people
     // know. Nothing finds files through it: every path comes from AppIdentity.
@@ -56,21 +55,21 @@ int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow) {
     // Logging out or `kill` ends the loop, so that the bridge is closed properly below.
     QuitOnSignals quitOnSignals;
 
+    // Dialogs attach to the window while it is open. The delegate holds the window for as long
+    // as the state can ask anything.
+    const WindowPresenter* presenter = nullptr;
+    const auto openWindow = [&presenter] { return presenter ? presenter->openWindow() : nullptr; };
+    // Before the event loop runs: creating the state may wait for the secret store, and that
+    // wait must not sit inside a running loop.
+    AppState state(AppServices{std::make_shared<MessageBoxApprovalPrompt>(openWindow),
+                               std::make_shared<FileDialogFolderChooser>(), keychain},
+                   options);
     std::unique_ptr<WindowPresenter> window = makeWindow();
-    // Dialogs attach to the window while it is open; the delegate keeps it for as long as
-    // anything can ask.
-    const WindowPresenter* presenter = window.get();
-    const auto openWindow = [presenter] { return presenter->openWindow(); };
-    ApprovalPrompt::install(std::make_shared<MessageBoxApprovalPrompt>(openWindow));
-    FolderChooser::install(std::make_shared<FileDialogFolderChooser>());
-
-    AppDelegate delegate(std::move(window));
+    presenter = window.get();
+    AppDelegate delegate(state, std::move(window));
     QObject::connect(&instance, &SingleInstance::reopenRequested, &delegate,
                      [&delegate] { delegate.applicationShouldHandleReopen(); });
-    // Before the event loop runs: launching may wait for the secret store, and that wait must
-    // not sit inside a running loop.
     delegate.applicationDidFinishLaunching();
-    AppState& state = AppState::shared();
     StateAnnouncer announcer(state, instance);
     const int status = QApplication::exec();
     // A normal close frame, not a connection that just drops.

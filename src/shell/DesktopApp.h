@@ -1,5 +1,7 @@
 #pragma once
 
+#include "AppOptions.h"
+#include "Keychain.h"
 #include "WindowPresenter.h"
 
 #include <QString>
@@ -10,18 +12,21 @@
 // The desktop companion's entry point: the tray application that runs when the executable is
 // started without arguments. Makes the QApplication, hands over to a companion that is already
 // running (exit code 0; a --headless one cannot show a window, which is said, exit code 1),
-// installs the alert and the folder dialog as the state's prompts, and runs the AppDelegate
+// gives the state the alert and the folder dialog as its prompts, and runs the AppDelegate
 // until "Quit Quillmar OS" or a signal to stop; the bridge is then closed properly.
-class DesktopApp {
-public:
-    using WindowFactory = std::function<std::unique_ptr<WindowPresenter>()>;
+namespace DesktopApp {
 
-    // `makeWindow` is called once, after the QApplication exists and only in the process that
-    // goes on running. Returns the process's exit code; no QCoreApplication may exist yet.
-    static int run(int& argc, char** argv, const WindowFactory& makeWindow);
+using WindowFactory = std::function<std::unique_ptr<WindowPresenter>()>;
 
-    // The name shown for the application (window titles, the alert).
-    static QString displayName();
-    // What a desktop launch says when a companion without a window already runs.
-    static QString runningElsewhereText(qint64 process);
-};
+// `makeWindow` is called once, after the QApplication exists and only in the process that
+// goes on running. The state keeps the token in `keychain` (tests pin the file) and uses
+// what `options` allow. Returns the process's exit code; no QCoreApplication may exist yet.
+int run(int& argc, char** argv, const WindowFactory& makeWindow,
+        const Keychain& keychain = Keychain(), AppOptions options = {});
+
+// The name shown for the application (window titles, the alert).
+QString displayName();
+// What a desktop launch says when a companion without a window already runs.
+QString runningElsewhereText(qint64 process);
+
+} // namespace DesktopApp

@@ -8,7 +8,7 @@
 class FileDialogFolderChooser : public FolderChooser {
 public:
     // The chosen directory's absolute path without a trailing slash, or nothing on cancel.
-    std::optional<QString> chooseFolder(const QString& prompt, const QString& message) override;
+    QCoro::Task<std::optional<QString>> chooseFolder(QString prompt, QString message) override;
 
     // The dialog's object name, by which tests find it.
     static QString dialogObjectName();

@@ -8,7 +8,8 @@
 // submenu holds the commands. Linux desktops have no global menu bar for a tray application,
 // so the menu is never drawn; its keys become window shortcuts (MainMenuShortcuts). Editing
 // keys are left to the focused text field, which already answers them.
-class MainMenuModel {
-public:
-    static QList<MenuItem> build();
-};
+namespace MainMenuModel {
+
+QList<MenuItem> build();
+
+} // namespace MainMenuModel

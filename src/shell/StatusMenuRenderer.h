@@ -12,13 +12,13 @@ class QWidget;
 
 // Turns a list of menu items into a new QMenu. Each action carries the item's represented
 // object as its data; choosing it calls `dispatch` with the item and the action that sent it.
-class StatusMenuRenderer {
-public:
-    using Dispatch = std::function<void(const MenuItem& item, QAction* sender)>;
+namespace StatusMenuRenderer {
 
-    static QMenu* render(const QList<MenuItem>& items, const Dispatch& dispatch,
-                         QWidget* parent = nullptr);
+using Dispatch = std::function<void(const MenuItem& item, QAction* sender)>;
 
-    // Menus read "&" as the mark of a mnemonic; a folder named "R&D" must show as it is.
-    static QString displayText(const QString& title);
-};
+QMenu* render(const QList<MenuItem>& items, const Dispatch& dispatch, QWidget* parent = nullptr);
+
+// Menus read "&" as the mark of a mnemonic; a folder named "R&D" must show as it is.
+QString displayText(const QString& title);
+
+} // namespace StatusMenuRenderer

@@ -15,23 +15,20 @@
 #include "Keychain.h"
 #include "PairingClient.h"
 #include "Platform.h"
-#include "WriteApproval.h"
 
+#include <QLoggingCategory>
 #include <QPointer>
 #include <QPromise>
 #include <QThreadPool>
 
 #include <QCoroFuture>
 
+Q_LOGGING_CATEGORY(lcState, "quillmar.state", QtWarningMsg)
+
 namespace {
 
-std::unique_ptr<AppState>& sharedInstance() {
-    static std::unique_ptr<AppState> instance;
-    return instance;
-}
-
-bool bridgeEnabled = true;
-bool pairingUsed = true;
+// The state the running application created; see shared().
+AppState* current = nullptr;
 
 QCoro::Task<bool> refuse() {
     co_return false;
@@ -58,42 +55,76 @@ QString unsavedPairingText(const KeychainError& error) {
 
 } // namespace
 
-AppState::AppState() = default;
+AppState::AppState(AppServices services, AppOptions options, QObject* parent)
+    : QObject(parent), m_services(std::move(services)), m_options(options) {
+    if (current) {
+        qCWarning(lcState) << "a second application state replaces the current one";
+    }
+    current = this;
 
-AppState::~AppState() = default;
+    // Present but empty still counts: the variable is taken as it stands.
+    m_apiBase = qEnvironmentVariableIsSet("QUILLMAR_API") ? qEnvironmentVariable("QUILLMAR_API")
+                                                          : defaultApiBase();
+    m_bridge = std::make_unique<BridgeClient>(static_cast<BridgeCallHandler*>(this));
+    m_activity = std::make_unique<ActivityLog>();
+    m_requireWriteApproval = AppSettings::boolean(approvalSettingKey()).value_or(true);
+    m_paused = AppSettings::boolean(pausedSettingKey()).value_or(false);
+    if (m_paused) {
+        m_statusText = pausedStatusText();
+    }
+    m_folders = FolderStore::activate(FolderStore::load());
+
+    QPointer<AppState> self(this);
+    m_worker = std::make_unique<FileWorker>(
+        FileWorker::defaultProgram(), [self](QString path, qint64 bytes) -> QCoro::Task<bool> {
+            return self ? self->requestWriteApproval(std::move(path), bytes) : refuse();
+        });
+    m_worker->setFolders(m_folders);
+    m_worker->setOwnFiles(AppIdentity::ownFiles());
+    m_worker->setKernelConfinement(Confinement::wanted());
+    m_worker->setVersionStore(&m_versions);
+    connect(m_worker.get(), &FileWorker::confinementChanged, this, [this] {
+        emit fileAccessChanged();
+        notify();
+    });
+    connect(m_bridge.get(), &BridgeClient::problemChanged, this, [this] {
+        emit connectionProblemChanged();
+        notify();
+    });
+    connect(m_bridge.get(), &BridgeClient::statusChanged, this,
+            [this](bool online, const QString& text) {
+                setOnline(online);
+                // Closing the bridge for a pause reports "Disconnected"; the status stays
+                // "Paused".
+                setStatusText(m_paused ? pausedStatusText() : text);
+                notify();
+            });
+
+    if (!m_options.pairingUsed) {
+        return;
+    }
+    const TokenLookup stored = QCoro::waitFor(m_services.keychain.loadToken());
+    m_tokenUnreadable = stored.error;
+    if (stored.token) {
+        m_paired = true;
+        connectBridge(*stored.token);
+    }
+}
+
+AppState::~AppState() {
+    if (current == this) {
+        current = nullptr;
+    }
+    // Listeners may be gone already; the final "Disconnected" goes to nobody.
+    QObject::disconnect(m_bridge.get(), nullptr, this, nullptr);
+    m_bridge->disconnect();
+}
 
 AppState& AppState::shared() {
-    std::unique_ptr<AppState>& instance = sharedInstance();
-    if (!instance) {
-        instance.reset(new AppState());
-        instance->initialise();
-        WriteApproval::setHandler([](QString path, qint64 bytes) {
-            return AppState::shared().requestWriteApproval(std::move(path), bytes);
-        });
+    if (!current) {
+        qFatal("AppState::shared() before the application created its state");
     }
-    return *instance;
-}
-
-void AppState::resetShared() {
-    WriteApproval::setHandler({});
-    if (sharedInstance()) {
-        // Listeners may be gone already; the final "Disconnected" goes to nobody.
-        sharedInstance()->onChange = nullptr;
-        sharedInstance()->m_bridge->onStatus = nullptr;
-        sharedInstance()->m_bridge->disconnect();
-    }
-    sharedInstance().reset();
-}
-
-void AppState::setBridgeEnabled(bool enabled) {
-    bridgeEnabled = enabled;
-}
-
-void AppState::setPairingUsed(bool used) {
-    pairingUsed = used;
-    if (!used) {
-        bridgeEnabled = false;
-    }
+    return *current;
 }
 
 QString AppState::defaultApiBase() {
@@ -112,102 +143,18 @@ QString AppState::pausedStatusText() {
     return QStringLiteral("Paused");
 }
 
-void AppState::initialise() {
-    m_online = false;
-    m_paired = false;
-    m_statusText = QStringLiteral("Not connected");
-    m_folders.clear();
-    m_pairing = false;
-    m_pairError.reset();
-    m_tokenUnreadable.reset();
-    onChange = nullptr;
-
-    // Present but empty still counts: the variable is taken as it stands.
-    m_apiBase = qEnvironmentVariableIsSet("QUILLMAR_API") ? qEnvironmentVariable("QUILLMAR_API")
-                                                          : defaultApiBase();
-    m_bridge = std::make_unique<BridgeClient>();
-    m_activity = std::make_unique<ActivityLog>();
-    m_requireWriteApproval = AppSettings::boolean(approvalSettingKey()).value_or(true);
-    m_paused = AppSettings::boolean(pausedSettingKey()).value_or(false);
-    if (m_paused) {
-        m_statusText = pausedStatusText();
-    }
-    m_folders = FolderStore::activate(FolderStore::load());
-
-    QPointer<AppState> self(this);
-    m_worker = std::make_unique<FileWorker>(
-        FileWorker::defaultProgram(), [self](QString path, qint64 bytes) -> QCoro::Task<bool> {
-            return self ? self->requestWriteApproval(std::move(path), bytes) : refuse();
-        });
-    m_worker->setFolders(m_folders);
-    m_worker->setOwnFiles(AppIdentity::ownFiles());
-    m_worker->setKernelConfinement(Confinement::wanted());
-    m_worker->setVersionStore(&m_versions);
-    QObject::connect(m_worker.get(), &FileWorker::confinementChanged, this, [this] {
-        emit fileAccessChanged();
-        notify();
-    });
-    m_bridge->dispatcher = [self](QString method, QJsonObject params,
-                                  QList<SharedFolder>) -> QCoro::Task<ToolResult> {
-        if (!self) {
-            co_return ToolResult(
-                FileService::errorObject(QStringLiteral("The companion is shutting down.")));
-        }
-        // The socket the call came over, not the one open when the worker asks: the bridge may
-        // have reconnected while the call waited.
-        const quint64 connection = self->m_bridge->connectionId();
-        QCoro::Task<ToolResult> running = self->runAgentCall(
-            std::move(method), std::move(params), QString(),
-            [self, connection](QString path, qint64 bytes) -> QCoro::Task<bool> {
-                return self ? self->approveBridgeWrite(connection, std::move(path), bytes)
-                            : refuse();
-            });
-        ToolResult result = co_await running;
-        co_return result;
-    };
-    m_bridge->foldersProvider = [self] { return self ? self->m_folders : QList<SharedFolder>{}; };
-    QObject::connect(m_bridge.get(), &BridgeClient::problemChanged, this, [this] {
-        emit connectionProblemChanged();
-        notify();
-    });
-    m_bridge->onStatus = [self](bool online, const QString& text) {
-        if (!self) {
-            return;
-        }
-        self->setOnline(online);
-        // Closing the bridge for a pause reports "Disconnected"; the status stays "Paused".
-        self->setStatusText(self->m_paused ? pausedStatusText() : text);
-        self->notify();
-    };
-
-    // The store answers asynchronously (it may first ask the user to unlock it); nothing else can
-    // use the state before it is initialised, so wait for the answer here, bounded by the
-    // store's own time-out.
-    if (!pairingUsed) {
-        return;
-    }
-    const TokenLookup stored = QCoro::waitFor(Keychain::loadToken());
-    m_tokenUnreadable = stored.error;
-    if (stored.token) {
-        m_paired = true;
-        connectBridge(*stored.token);
-    }
-}
-
 void AppState::connectBridge(const QString& token) {
-    if (bridgeEnabled && !m_paused) {
+    if (m_options.bridgeEnabled && m_options.pairingUsed && !m_paused) {
         m_bridge->connect(token, m_apiBase);
     }
 }
 
 void AppState::notify() {
-    if (onChange) {
-        onChange();
-    }
+    emit changed();
 }
 
 void AppState::pair(const QString& code) {
-    // Runs by itself; the outcome arrives through the fields and onChange.
+    // Runs by itself; the outcome arrives through the fields and `changed`.
     pairAndWait(code);
 }
 
@@ -230,7 +177,7 @@ QCoro::Task<> AppState::pairAndWait(QString code) {
         co_return;
     }
     if (token) {
-        const std::optional<KeychainError> unsaved = co_await Keychain::saveToken(*token);
+        const std::optional<KeychainError> unsaved = co_await m_services.keychain.saveToken(*token);
         if (!self) {
             co_return;
         }
@@ -260,7 +207,7 @@ void AppState::unpair() {
 QCoro::Task<std::optional<KeychainError>> AppState::unpairAndWait() {
     const QPointer<AppState> self(this);
     m_bridge->disconnect();
-    QCoro::Task<std::optional<KeychainError>> deletion = Keychain::deleteToken();
+    QCoro::Task<std::optional<KeychainError>> deletion = m_services.keychain.deleteToken();
     setPaired(false);
     setOnline(false);
     setStatusText(m_paused ? pausedStatusText() : QStringLiteral("Not connected"));
@@ -275,20 +222,38 @@ QCoro::Task<std::optional<KeychainError>> AppState::unpairAndWait() {
 }
 
 void AppState::retryKeyring() {
-    // Runs by itself; the outcome arrives through the fields and onChange.
+    // Runs by itself; the outcome arrives through the fields and `changed`.
     reloadFromStore();
 }
 
 void AppState::addFolder() {
-    const std::optional<SharedFolder> picked = FolderStore::pick(m_folders);
-    if (!picked) {
-        return;
+    // Runs by itself; the folder arrives through the fields and `changed`.
+    addFolderAndWait();
+}
+
+QCoro::Task<std::optional<SharedFolder>> AppState::addFolderAndWait() {
+    const std::shared_ptr<FolderChooser> chooser = m_services.folderChooser;
+    if (!chooser) {
+        qCWarning(lcState) << "no folder chooser: nothing can be chosen";
+        co_return std::nullopt;
     }
-    QList<SharedFolder> folders = m_folders;
-    folders.append(*picked);
-    setFolders(folders);
-    FolderStore::save(m_folders);
-    notify();
+    // The chooser answers later: a second click meanwhile must not open a second one.
+    if (m_choosingFolder) {
+        co_return std::nullopt;
+    }
+    m_choosingFolder = true;
+    const QPointer<AppState> self(this);
+    const std::optional<QString> chosen = co_await FolderStore::choosePath(*chooser);
+    if (!self) {
+        co_return std::nullopt;
+    }
+    m_choosingFolder = false;
+    if (!chosen) {
+        co_return std::nullopt;
+    }
+    // Named against the folders shared now: the list may have changed while the user chose.
+    const SharedFolder added = addFolderAt(*chosen);
+    co_return added;
 }
 
 SharedFolder AppState::addFolderAt(const QString& path, bool readOnly) {
@@ -461,8 +426,10 @@ QCoro::Task<bool> AppState::requestWriteApproval(QString path, qint64 bytes) {
     if (!m_requireWriteApproval) {
         co_return true;
     }
-    const std::shared_ptr<ApprovalPrompt> prompt = ApprovalPrompt::installed();
+    // Kept alive by this call, whatever happens to the state while the user answers.
+    const std::shared_ptr<ApprovalPrompt> prompt = m_services.approvalPrompt;
     if (!prompt) {
+        qCDebug(lcState) << "a write was refused: there is nobody to ask";
         co_return false;
     }
     co_return co_await prompt->ask(std::move(path), bytes);
@@ -476,7 +443,7 @@ QCoro::Task<> AppState::reloadFromStore() {
     if (stored != m_folders) {
         setFolders(stored);
     }
-    const TokenLookup lookup = co_await Keychain::loadToken();
+    const TokenLookup lookup = co_await m_services.keychain.loadToken();
     if (!self) {
         co_return;
     }
@@ -510,6 +477,20 @@ QJsonObject AppState::describe() const {
                        {QStringLiteral("folders"), m_folders.size()},
                        {QStringLiteral("ask_before_writing"), m_requireWriteApproval},
                        {QStringLiteral("paused"), m_paused}};
+}
+
+QCoro::Task<ToolResult> AppState::runCall(QString method, QJsonObject params) {
+    const QPointer<AppState> self(this);
+    // The socket the call came over, not the one open when the worker asks: the bridge may have
+    // reconnected while the call waited.
+    const quint64 connection = m_bridge->connectionId();
+    QCoro::Task<ToolResult> running = runAgentCall(
+        std::move(method), std::move(params), QString(),
+        [self, connection](QString path, qint64 bytes) -> QCoro::Task<bool> {
+            return self ? self->approveBridgeWrite(connection, std::move(path), bytes) : refuse();
+        });
+    ToolResult result = co_await running;
+    co_return result;
 }
 
 QCoro::Task<bool> AppState::approveBridgeWrite(quint64 connection, QString path, qint64 bytes) {

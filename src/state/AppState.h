@@ -1,5 +1,8 @@
 #pragma once
 
+#include "AppOptions.h"
+#include "AppServices.h"
+#include "BridgeCallHandler.h"
 #include "KeychainError.h"
 #include "SharedFolder.h"
 #include "ToolResult.h"
@@ -21,8 +24,8 @@ class FileWorker;
 
 // The one observable model of the running companion: pairing, the bridge's status, the shared
 // folders and the write-approval setting. Every change is announced twice: through the property
-// signals (the window) and through the single `onChange` callback (the tray menu).
-class AppState : public QObject {
+// signals (the window) and through the single `changed` signal (the tray menu).
+class AppState : public QObject, private BridgeCallHandler {
     Q_OBJECT
     Q_PROPERTY(bool online READ online NOTIFY onlineChanged)
     Q_PROPERTY(bool paired READ paired NOTIFY pairedChanged)
@@ -39,18 +42,14 @@ class AppState : public QObject {
     Q_PROPERTY(bool paused READ paused NOTIFY pausedChanged)
 
 public:
+    // Initialised from settings, token store and environment. The store may first ask the user
+    // to unlock it; the constructor waits for its answer, bounded by the store's time-out.
+    // Becomes the process's current state until it is destroyed.
+    explicit AppState(AppServices services, AppOptions options = {}, QObject* parent = nullptr);
     ~AppState() override;
 
-    // Created, and initialised from settings, token store and environment, on first use.
+    // The state the running application created (its entry point, the window's singleton).
     static AppState& shared();
-    // Drops the shared instance so that the next shared() starts afresh (tests only).
-    static void resetShared();
-    // Off for command-line administration: the state then never opens the bridge, so a running
-    // companion keeps its connection. Takes effect for the next initialisation.
-    static void setBridgeEnabled(bool enabled);
-    // Off for a process that never uses the pairing (a local agents' server): the token store
-    // is then not read, so nothing waits for it or asks to unlock it. Implies no bridge.
-    static void setPairingUsed(bool used);
 
     // Used when QUILLMAR_API is not set.
     static QString defaultApiBase();
@@ -83,9 +82,6 @@ public:
     // Sharing is paused: the bridge stays closed until it is resumed, even across restarts.
     bool paused() const { return m_paused; }
 
-    // Told after every change made here. Set by the tray menu.
-    std::function<void()> onChange;
-
     // Claims `code` in the background; `pairing`, then `paired` or `pairError` tell the outcome.
     Q_INVOKABLE void pair(const QString& code);
     // The same, awaitable (the command line waits for the outcome).
@@ -95,13 +91,16 @@ public:
     QCoro::Task<std::optional<KeychainError>> unpairAndWait();
     // Reads the token store again, after the user unlocked it.
     Q_INVOKABLE void retryKeyring();
-    // Asks the user for a folder through the installed chooser.
+    // Asks the user for a folder through the chooser and shares it.
     Q_INVOKABLE void addFolder();
+    // The same, awaitable; the record added, or nothing when no folder was chosen. While the
+    // chooser is open, another request adds nothing and asks nothing.
+    QCoro::Task<std::optional<SharedFolder>> addFolderAndWait();
     // Shares `path` directly (the command line); returns the record added.
     SharedFolder addFolderAt(const QString& path, bool readOnly = false);
     void removeFolder(const SharedFolder& folder);
     Q_INVOKABLE void removeFolderById(const QString& id);
-    // Flips the setting, stores it and tells `onChange` (the tray menu and the window's switch).
+    // Flips the setting, stores it and emits `changed` (the tray menu and the window's switch).
     Q_INVOKABLE void storeRequireWriteApproval(bool value);
     // Shares the folder read-only (agents may read, never write) or read-write; stored.
     void setFolderReadOnly(const SharedFolder& folder, bool readOnly);
@@ -151,10 +150,11 @@ signals:
     void keyringProblemChanged();
     void pausedChanged();
     void restoreFinished(const QString& versionId, bool ok, const QString& message);
+    // After every change made here (the tray menu follows it).
+    void changed();
 
 private:
-    AppState();
-    void initialise();
+    QCoro::Task<ToolResult> runCall(QString method, QJsonObject params) override;
     void notify();
     void setOnline(bool value);
     void setPaired(bool value);
@@ -167,11 +167,14 @@ private:
     void connectBridge(const QString& token);
     QCoro::Task<bool> approveBridgeWrite(quint64 connection, QString path, qint64 bytes);
 
+    AppServices m_services;
+    AppOptions m_options;
     bool m_online = false;
     bool m_paired = false;
-    QString m_statusText;
+    QString m_statusText = QStringLiteral("Not connected");
     QList<SharedFolder> m_folders;
     bool m_pairing = false;
+    bool m_choosingFolder = false;
     std::optional<QString> m_pairError;
     std::optional<KeychainError> m_tokenUnreadable;
     bool m_requireWriteApproval = true;

@@ -3,11 +3,9 @@
 #include <QCoroTask>
 #include <QString>
 
-#include <memory>
-
-// Puts one write before the local user. The desktop shell installs an alert, the headless mode
-// a terminal question; tests install their own answers. Without an installed prompt every write
-// that needs approval is refused.
+// Puts one write before the local user. The desktop shell passes an alert to the application
+// state, the headless mode a terminal question; tests pass their own answers. Without a prompt
+// every write that needs approval is refused.
 class ApprovalPrompt {
 public:
     virtual ~ApprovalPrompt() = default;
@@ -19,7 +17,4 @@ public:
     // Control and bidirectional formatting characters in the path are shown, not obeyed (see
     // VisibleText); a line feed still breaks the line.
     static QString informativeText(const QString& path, qint64 bytes);
-
-    static void install(std::shared_ptr<ApprovalPrompt> prompt);
-    static std::shared_ptr<ApprovalPrompt> installed();
 };

@@ -1,20 +1,17 @@
 #pragma once
 
+#include <QCoroTask>
 #include <QString>
 
-#include <memory>
 #include <optional>
 
-// Asks the user for one folder. The desktop shell installs a dialog; tests install their own
-// answer. Without an installed chooser nothing can be chosen.
+// Asks the user for one folder. The desktop shell passes a dialog to the application state;
+// tests pass their own answers. The answer may come later (a desktop portal answers over D-Bus).
 class FolderChooser {
 public:
     virtual ~FolderChooser() = default;
 
-    // `prompt` is the confirming button's title, `message` the explanation. Returns the chosen
+    // `prompt` is the confirming button's title, `message` the explanation. Gives the chosen
     // directory's absolute path, or nothing when the user cancelled.
-    virtual std::optional<QString> chooseFolder(const QString& prompt, const QString& message) = 0;
-
-    static void install(std::shared_ptr<FolderChooser> chooser);
-    static std::shared_ptr<FolderChooser> installed();
+    virtual QCoro::Task<std::optional<QString>> chooseFolder(QString prompt, QString message) = 0;
 };

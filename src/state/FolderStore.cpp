@@ -100,16 +100,12 @@ SharedFolder FolderStore::makeRecord(const QString& path, const QList<SharedFold
     return folder;
 }
 
-std::optional<SharedFolder> FolderStore::pick(const QList<SharedFolder>& existing) {
-    const std::shared_ptr<FolderChooser> chooser = FolderChooser::installed();
-    if (!chooser) {
-        return std::nullopt;
-    }
-    const std::optional<QString> chosen = chooser->chooseFolder(
+QCoro::Task<std::optional<QString>> FolderStore::choosePath(FolderChooser& chooser) {
+    const std::optional<QString> chosen = co_await chooser.chooseFolder(
         QStringLiteral("Share with agents"),
         QStringLiteral("Choose a folder Quillmar agents may read and write."));
     if (!chosen || chosen->isEmpty()) {
-        return std::nullopt;
+        co_return std::nullopt;
     }
-    return makeRecord(*chosen, existing);
+    co_return chosen;
 }

@@ -5,10 +5,11 @@
 BridgeFixture::BridgeFixture() {
     auto manual = std::make_unique<ManualScheduler>();
     scheduler = manual.get();
-    client = std::make_unique<BridgeClient>(std::move(manual));
-    client->onStatus = [this](bool online, const QString& text) {
-        statuses.append({online, text});
-    };
+    client = std::make_unique<BridgeClient>(&calls, std::move(manual));
+    QObject::connect(client.get(), &BridgeClient::statusChanged,
+                     [this](bool online, const QString& text) {
+                         statuses.append({online, text});
+                     });
 }
 
 BridgeFixture::~BridgeFixture() = default;

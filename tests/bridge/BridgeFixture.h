@@ -3,6 +3,7 @@
 #include "BridgeClient.h"
 #include "FakeService.h"
 #include "ManualScheduler.h"
+#include "ScriptedCallHandler.h"
 
 #include <QList>
 #include <QString>
@@ -19,6 +20,8 @@ public:
     ~BridgeFixture();
 
     FakeService service;
+    // What answers the service's calls; outlives the client.
+    ScriptedCallHandler calls;
     ManualScheduler* scheduler; // owned by the client
     std::unique_ptr<BridgeClient> client;
     QList<std::pair<bool, QString>> statuses;

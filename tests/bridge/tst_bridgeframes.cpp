@@ -43,7 +43,7 @@ class BridgeFramesTest : public QObject {
     QList<SharedFolder> folders;
     std::unique_ptr<BridgeFixture> f;
 
-    // What the dispatcher saw, in order, for the ordering tests.
+    // What the call handler saw, in order, for the ordering tests.
     QStringList events;
     int running = 0;
     int mostRunning = 0;
@@ -74,20 +74,19 @@ class BridgeFramesTest : public QObject {
     static QCoro::Task<ToolResult> answerWith(QJsonObject object) { co_return object; }
 
     void useRecordingDispatcher(int nestedMs = 0) {
-        f->client->dispatcher = [this, nestedMs](QString method, QJsonObject, QList<SharedFolder>) {
+        f->calls.answer = [this, nestedMs](QString method, QJsonObject) {
             return recordingDispatch(this, method, nestedMs);
         };
-        f->client->onStatus = [this](bool online, const QString& text) {
-            f->statuses.append({online, text});
-            events.append(QStringLiteral("status ") + text);
-        };
+        QObject::connect(
+            f->client.get(), &BridgeClient::statusChanged,
+            [this](bool, const QString& text) { events.append(QStringLiteral("status ") + text); });
     }
 
     QJsonObject expected(const QString& method, const QJsonObject& params) {
         return QCoro::waitFor(FileService::handle(method, params, folders));
     }
 
-    // Sends a call that the dispatcher answers with an error and returns the reply to it: once
+    // Sends a call that the call handler answers with an error and returns the reply to it: once
     // it is there, every frame sent before it has been dealt with.
     bool sentinelAnswered(int framesBefore) {
         f->service.sendText(QStringLiteral(R"({"type":"call","req_id":"sentinel","method":"x"})"));
@@ -119,7 +118,7 @@ private slots:
         running = 0;
         mostRunning = 0;
         f = std::make_unique<BridgeFixture>();
-        f->client->foldersProvider = [this] { return folders; };
+        f->calls.folders = folders;
         QVERIFY(f->connectAndGreet());
     }
 
@@ -215,9 +214,7 @@ private slots:
             {QStringLiteral("nested"), QJsonObject{{QStringLiteral("n"), QJsonValue::Null},
                                                    {QStringLiteral("big"), qint64(1) << 53}}},
             {QStringLiteral("text"), QStringLiteral("caf\u00e9 \u2026")}};
-        f->client->dispatcher = [odd](QString, QJsonObject, QList<SharedFolder>) {
-            return answerWith(odd);
-        };
+        f->calls.answer = [odd](QString, QJsonObject) { return answerWith(odd); };
         f->service.sendText(QStringLiteral(R"({"type":"call","req_id":"r3","method":"any"})"));
         QTRY_COMPARE(f->service.frames.size(), 1);
         const QJsonObject reply = parse(f->service.frames.front());
@@ -278,7 +275,7 @@ private slots:
         const QString mark(QChar(0xfeff));
         QString seenMethod;
         QJsonObject seenParams;
-        f->client->dispatcher = [&](QString method, QJsonObject params, QList<SharedFolder>) {
+        f->calls.answer = [&](QString method, QJsonObject params) {
             seenMethod = method;
             seenParams = params;
             return answerWith(params);
@@ -362,22 +359,6 @@ private slots:
                               {QStringLiteral("req_id"), QStringLiteral("m")},
                               {QStringLiteral("ok"), false},
                               {QStringLiteral("error"), error}}));
-    }
-
-    void foldersAreReadWhenEachCallStarts() {
-        QList<SharedFolder> current;
-        f->client->foldersProvider = [&current] { return current; };
-        const QString call =
-            QStringLiteral(R"({"type":"call","req_id":"%1","method":"local_list_files"})");
-        f->service.sendText(call.arg(1));
-        QTRY_COMPARE(f->service.frames.size(), 1);
-        current = folders;
-        f->service.sendText(call.arg(2));
-        QTRY_COMPARE(f->service.frames.size(), 2);
-        QCOMPARE(parse(f->service.frames[0]).value(QStringLiteral("result")).toObject(),
-                 QCoro::waitFor(FileService::handle(QStringLiteral("local_list_files"), {}, {})));
-        QCOMPARE(parse(f->service.frames[1]).value(QStringLiteral("result")).toObject(),
-                 expected(QStringLiteral("local_list_files"), {}));
     }
 
     void binaryUtf8IsHandledLikeTextAndAnsweredAsText() {

@@ -397,13 +397,13 @@ private slots:
     void clientDeletedLaterFromItsStatusCallbackEndsQuietly() {
         const quint16 port = closedPort();
         const QPointer<BridgeClient> client(f->client.get());
-        f->client->onStatus = [this](bool, const QString& text) {
-            f->statuses.append({false, text});
-            if (text.startsWith(u"Reconnecting")) {
-                f->client.release()->deleteLater();
-                f->scheduler = nullptr;
-            }
-        };
+        QObject::connect(f->client.get(), &BridgeClient::statusChanged,
+                         [this](bool, const QString& text) {
+                             if (text.startsWith(u"Reconnecting")) {
+                                 f->client.release()->deleteLater();
+                                 f->scheduler = nullptr;
+                             }
+                         });
         f->client->connect(QStringLiteral("t"), QStringLiteral("http://127.0.0.1:%1").arg(port));
         QTRY_VERIFY(!client);
         QTest::qWait(50);

@@ -5,6 +5,7 @@
 #include "DevService.h"
 #include "HttpJson.h"
 #include "ManualScheduler.h"
+#include "ScriptedCallHandler.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -460,13 +461,15 @@ private slots:
     // back to the agent byte for byte.
     void largeCallsAndAnswersWithTheCompanionsClient() {
         const Pairing pairing = pair();
-        BridgeClient client(std::make_unique<ManualScheduler>());
+        ScriptedCallHandler calls;
+        BridgeClient client(&calls, std::make_unique<ManualScheduler>());
         bool online = false;
-        client.onStatus = [&](bool isOnline, const QString&) { online = isOnline; };
+        QObject::connect(&client, &BridgeClient::statusChanged,
+                         [&](bool isOnline, const QString&) { online = isOnline; });
         const QByteArray emoji = QStringLiteral("\U0001F600").toUtf8();
         const QByteArray big = "{\"text\":\"" + emoji.repeated(16 * 1024 * 1024 - 8) + "\"}";
         QString seen;
-        client.dispatcher = [&](QString method, QJsonObject params, QList<SharedFolder>) {
+        calls.answer = [&](QString method, QJsonObject params) {
             seen = params.value(QStringLiteral("text")).toString();
             return answerWith(method == u"big" ? ToolResult::fromJson(big)
                                                : ToolResult(QJsonObject{

@@ -6,6 +6,7 @@
 #include "BridgeClient.h"
 #include "ManualScheduler.h"
 #include "PythonPeer.h"
+#include "ScriptedCallHandler.h"
 #include "WebSocketConnection.h"
 
 #include <QCryptographicHash>
@@ -64,6 +65,8 @@ class WebSocketPeerTest : public QObject {
     Q_OBJECT
 
     std::unique_ptr<PythonPeer> peer;
+    // Answers the peer's calls; outlives the client.
+    ScriptedCallHandler calls;
     ManualScheduler* scheduler = nullptr;
     std::unique_ptr<BridgeClient> client;
     QList<std::pair<bool, QString>> statuses;
@@ -75,10 +78,11 @@ class WebSocketPeerTest : public QObject {
     bool connectClient(const QString& scenario) {
         auto manual = std::make_unique<ManualScheduler>();
         scheduler = manual.get();
-        client = std::make_unique<BridgeClient>(std::move(manual));
-        client->onStatus = [this](bool online, const QString& text) {
-            statuses.append({online, text});
-        };
+        client = std::make_unique<BridgeClient>(&calls, std::move(manual));
+        QObject::connect(client.get(), &BridgeClient::statusChanged,
+                         [this](bool online, const QString& text) {
+                             statuses.append({online, text});
+                         });
         client->connect(scenario, apiBase());
         return QTest::qWaitFor([&] { return !statuses.isEmpty() && statuses.back().first; }, 20000);
     }
@@ -88,6 +92,7 @@ class WebSocketPeerTest : public QObject {
 private slots:
     void init() {
         statuses.clear();
+        calls.answer = {};
         peer = std::make_unique<PythonPeer>();
         QVERIFY2(peer->start(), qPrintable(peer->describe()));
     }
@@ -153,14 +158,14 @@ private slots:
         QCOMPARE(ended, 0);
     }
 
-    // A call whose JSON is cut inside characters reaches the dispatcher intact, and the answer
+    // A call whose JSON is cut inside characters reaches the call handler intact, and the answer
     // carries the text back to Python unchanged.
     void fragmentedCallThroughTheBridge() {
         QString seen;
         auto manual = std::make_unique<ManualScheduler>();
         scheduler = manual.get();
-        client = std::make_unique<BridgeClient>(std::move(manual));
-        client->dispatcher = [&](QString method, QJsonObject params, QList<SharedFolder>) {
+        client = std::make_unique<BridgeClient>(&calls, std::move(manual));
+        calls.answer = [&](QString method, QJsonObject params) {
             seen = params.value(QStringLiteral("text")).toString();
             return answer(
                 QJsonObject{{QStringLiteral("echo"), seen}, {QStringLiteral("method"), method}});
@@ -186,16 +191,16 @@ private slots:
         const QByteArray json = "{\"text\":\"" + text + "\"}";
         auto manual = std::make_unique<ManualScheduler>();
         scheduler = manual.get();
-        client = std::make_unique<BridgeClient>(std::move(manual));
-        int calls = 0;
-        client->dispatcher = [&](QString method, QJsonObject, QList<SharedFolder>) {
-            ++calls;
+        client = std::make_unique<BridgeClient>(&calls, std::move(manual));
+        int asked = 0;
+        calls.answer = [&](QString method, QJsonObject) {
+            ++asked;
             return answer(method == u"big" ? ToolResult::fromJson(json) : ToolResult());
         };
         client->connect(QStringLiteral("big_result"), apiBase());
         const std::optional<QJsonObject> result = peer->take(QStringLiteral("result"), 1, 120s);
         QVERIFY2(result, qPrintable(peer->describe()));
-        QCOMPARE(calls, 1);
+        QCOMPARE(asked, 1);
         QCOMPARE(result->value(QStringLiteral("req_id")).toString(), QStringLiteral("big-1"));
         QCOMPARE(result->value(QStringLiteral("ok")).toBool(), true);
         QCOMPARE(qsizetype(number(*result, "text_bytes")), text.size());
@@ -267,10 +272,8 @@ private slots:
         const QByteArray json = "{\"text\":\"" + text + "\"}";
         auto manual = std::make_unique<ManualScheduler>();
         scheduler = manual.get();
-        client = std::make_unique<BridgeClient>(std::move(manual));
-        client->dispatcher = [&](QString, QJsonObject, QList<SharedFolder>) {
-            return answer(ToolResult::fromJson(json));
-        };
+        client = std::make_unique<BridgeClient>(&calls, std::move(manual));
+        calls.answer = [&](QString, QJsonObject) { return answer(ToolResult::fromJson(json)); };
         client->connect(QStringLiteral("broken_frame_during_answer"), apiBase());
         const std::optional<QJsonObject> closed = peer->take(QStringLiteral("closed"), 1, 60s);
         QVERIFY2(closed, qPrintable(peer->describe()));

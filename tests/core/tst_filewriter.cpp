@@ -1,7 +1,6 @@
 #include "FileService.h"
 #include "FileWriter.h"
 #include "TempTree.h"
-#include "WriteApproval.h"
 
 #include <QCoroTask>
 #include <QCoroTimer>
@@ -35,10 +34,11 @@ class FileWriterTest : public QObject {
     QList<SharedFolder> folders;
     QList<Question> asked;
     bool answer = true;
+    WriteApprover approver;
 
     QJsonObject write(const QJsonObject& params) {
         return QCoro::waitFor(
-            FileService::handle(QStringLiteral("local_write_file"), params, folders));
+            FileService::handle(QStringLiteral("local_write_file"), params, folders, approver));
     }
 
 private slots:
@@ -52,12 +52,11 @@ private slots:
                                 tree->path(QStringLiteral("Photos")), std::nullopt}};
         asked.clear();
         answer = true;
-        WriteApproval::setHandler([this](QString path, qint64 bytes) -> QCoro::Task<bool> {
+        approver = [this](QString path, qint64 bytes) -> QCoro::Task<bool> {
             asked.append(Question{path, bytes});
             co_return answer;
-        });
+        };
     }
-    void cleanup() { WriteApproval::setHandler({}); }
 
     void textIsWrittenAsUtf8() {
         const QJsonObject result =
@@ -180,6 +179,23 @@ private slots:
         QVERIFY(!QFileInfo::exists(tree->path(QStringLiteral("Reports/a"))));
     }
 
+    void withoutAnApproverEveryWriteIsRefused() {
+        tree->file(QStringLiteral("Reports/keep.txt"), "original");
+        approver = {};
+        const QJsonObject replaced =
+            write({{QStringLiteral("path"), QStringLiteral("Reports/keep.txt")},
+                   {QStringLiteral("content"), QStringLiteral("changed")}});
+        QCOMPARE(replaced,
+                 (QJsonObject{{QStringLiteral("error"),
+                               QStringLiteral("Write was declined on the user's computer.")}}));
+        QCOMPARE(contents(tree->path(QStringLiteral("Reports/keep.txt"))), QByteArray("original"));
+        const QJsonObject created =
+            write({{QStringLiteral("path"), QStringLiteral("Reports/new.txt")},
+                   {QStringLiteral("content"), QStringLiteral("x")}});
+        QCOMPARE(created.keys(), QStringList{QStringLiteral("error")});
+        QVERIFY(!QFileInfo::exists(tree->path(QStringLiteral("Reports/new.txt"))));
+    }
+
     void existingFileIsReplacedWhole() {
         tree->file(QStringLiteral("Reports/r.txt"), "a much longer original text");
         write({{QStringLiteral("path"), QStringLiteral("Reports/r.txt")},
@@ -233,14 +249,14 @@ private slots:
     // The approval may take its time: the call waits without blocking the event loop.
     void suspendedApprovalKeepsTheLoopRunning() {
         bool timerRan = false;
-        WriteApproval::setHandler([&](QString, qint64) -> QCoro::Task<bool> {
+        approver = [&](QString, qint64) -> QCoro::Task<bool> {
             QTimer::singleShot(0, [&] { timerRan = true; });
             QTimer delay;
             delay.setSingleShot(true);
             delay.start(50);
             co_await delay;
             co_return true;
-        });
+        };
         const QJsonObject result =
             write({{QStringLiteral("path"), QStringLiteral("Reports/later.txt")},
                    {QStringLiteral("content"), QStringLiteral("ok")}});

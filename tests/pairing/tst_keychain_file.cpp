@@ -22,21 +22,21 @@ namespace {
 constexpr qint64 quickMs = 5000;
 
 // The token; a store that could not be read gives a text no test expects.
-std::optional<QString> load() {
-    const TokenLookup lookup = QCoro::waitFor(Keychain::loadToken());
+std::optional<QString> load(const Keychain& keychain = Keychain()) {
+    const TokenLookup lookup = QCoro::waitFor(keychain.loadToken());
     if (lookup.error) {
         return QStringLiteral("<unreadable: %1>").arg(lookup.error->reason());
     }
     return lookup.token;
 }
 
-void save(const QString& token) {
-    const std::optional<KeychainError> error = QCoro::waitFor(Keychain::saveToken(token));
+void save(const QString& token, const Keychain& keychain = Keychain()) {
+    const std::optional<KeychainError> error = QCoro::waitFor(keychain.saveToken(token));
     QVERIFY2(!error, qPrintable(error ? error->reason() : QString()));
 }
 
-void remove() {
-    const std::optional<KeychainError> error = QCoro::waitFor(Keychain::deleteToken());
+void remove(const Keychain& keychain = Keychain()) {
+    const std::optional<KeychainError> error = QCoro::waitFor(keychain.deleteToken());
     QVERIFY2(!error, qPrintable(error ? error->reason() : QString()));
 }
 
@@ -70,10 +70,7 @@ private slots:
         QCOMPARE(file.path(), folder + QStringLiteral("/device_token"));
     }
 
-    void init() {
-        Keychain::setBackend(Keychain::Backend::Automatic);
-        file.remove();
-    }
+    void init() { file.remove(); }
 
     void noSecretStoreIsFoundAndThatIsQuick() {
         QElapsedTimer clock;
@@ -195,19 +192,19 @@ private slots:
     }
 
     void pinnedSecretStoreFailsAsUnreachableAndQuickly() {
-        Keychain::setBackend(Keychain::Backend::SecretStore);
+        const Keychain keychain(Keychain::Backend::SecretStore);
         QElapsedTimer clock;
         clock.start();
         const std::optional<KeychainError> saved =
-            QCoro::waitFor(Keychain::saveToken(QStringLiteral("QmSecret-nowhere")));
+            QCoro::waitFor(keychain.saveToken(QStringLiteral("QmSecret-nowhere")));
         QVERIFY(saved);
         QCOMPARE(saved->kind(), KeychainError::Kind::Unreachable);
         QCOMPARE(saved->reason(), QStringLiteral("no keyring could be reached"));
-        const TokenLookup loaded = QCoro::waitFor(Keychain::loadToken());
+        const TokenLookup loaded = QCoro::waitFor(keychain.loadToken());
         QCOMPARE(loaded.token, std::nullopt);
         QVERIFY(loaded.error);
         QCOMPARE(loaded.error->kind(), KeychainError::Kind::Unreachable);
-        const std::optional<KeychainError> removed = QCoro::waitFor(Keychain::deleteToken());
+        const std::optional<KeychainError> removed = QCoro::waitFor(keychain.deleteToken());
         QVERIFY(removed);
         QCOMPARE(removed->kind(), KeychainError::Kind::Unreachable);
         QVERIFY2(clock.elapsed() < quickMs, qPrintable(QString::number(clock.elapsed())));
@@ -221,8 +218,8 @@ private slots:
         const QByteArray dataHome = qgetenv("XDG_DATA_HOME");
         qputenv("XDG_DATA_HOME", QFile::encodeName(blocker + QStringLiteral("/data")));
         const std::optional<KeychainError> saved =
-            QCoro::waitFor(Keychain::saveToken(QStringLiteral("QmSecret-unwritable")));
-        const TokenLookup loaded = QCoro::waitFor(Keychain::loadToken());
+            QCoro::waitFor(Keychain().saveToken(QStringLiteral("QmSecret-unwritable")));
+        const TokenLookup loaded = QCoro::waitFor(Keychain().loadToken());
         qputenv("XDG_DATA_HOME", dataHome);
         QVERIFY(saved);
         QCOMPARE(saved->kind(), KeychainError::Kind::Other);

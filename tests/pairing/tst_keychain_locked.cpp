@@ -24,13 +24,14 @@ class KeychainLockedTest : public QObject {
 
     KeyringControl keyring;
     TokenFile file;
+    const Keychain keychain;
     QElapsedTimer clock;
 
     void lock() { QVERIFY2(keyring.lock(), qPrintable(keyring.error())); }
     void unlock() { QVERIFY2(keyring.unlock(), qPrintable(keyring.error())); }
 
     void save(const QString& token) {
-        const std::optional<KeychainError> error = QCoro::waitFor(Keychain::saveToken(token));
+        const std::optional<KeychainError> error = QCoro::waitFor(keychain.saveToken(token));
         QVERIFY2(!error, qPrintable(error ? error->reason() : QString()));
     }
 
@@ -47,14 +48,13 @@ private slots:
         QVERIFY(qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"));
         QVERIFY(SecretStore::isReachable());
         // The service starts on the first call; the store's own lookup brings it up.
-        QCOMPARE(QCoro::waitFor(Keychain::loadToken()).token, std::nullopt);
+        QCOMPARE(QCoro::waitFor(keychain.loadToken()).token, std::nullopt);
         QCOMPARE(keyring.isLocked(), std::optional<bool>(false));
     }
 
     void init() {
-        Keychain::setBackend(Keychain::Backend::Automatic);
         unlock();
-        QCOMPARE(QCoro::waitFor(Keychain::deleteToken()), std::nullopt);
+        QCOMPARE(QCoro::waitFor(keychain.deleteToken()), std::nullopt);
         file.remove();
         clock.start();
     }
@@ -68,7 +68,7 @@ private slots:
         lock();
         clock.restart();
         const std::optional<KeychainError> error =
-            QCoro::waitFor(Keychain::saveToken(QStringLiteral("QmSecret-unsaved")));
+            QCoro::waitFor(keychain.saveToken(QStringLiteral("QmSecret-unsaved")));
         checkPrompt();
         QVERIFY(error);
         QCOMPARE(error->kind(), KeychainError::Kind::Locked);
@@ -77,7 +77,7 @@ private slots:
         QVERIFY(!QFile::exists(file.path()));
         unlock();
         QCOMPARE(keyring.entries(Keychain::account()), 0);
-        const TokenLookup lookup = QCoro::waitFor(Keychain::loadToken());
+        const TokenLookup lookup = QCoro::waitFor(keychain.loadToken());
         QCOMPARE(lookup.token, std::nullopt);
         QCOMPARE(lookup.error, std::nullopt);
     }
@@ -86,7 +86,7 @@ private slots:
         save(QStringLiteral("QmSecret-kept"));
         lock();
         clock.restart();
-        const TokenLookup locked = QCoro::waitFor(Keychain::loadToken());
+        const TokenLookup locked = QCoro::waitFor(keychain.loadToken());
         checkPrompt();
         QCOMPARE(locked.token, std::nullopt);
         QVERIFY(locked.error);
@@ -94,7 +94,7 @@ private slots:
         QVERIFY(!QFile::exists(file.path()));
 
         unlock();
-        const TokenLookup open = QCoro::waitFor(Keychain::loadToken());
+        const TokenLookup open = QCoro::waitFor(keychain.loadToken());
         QCOMPARE(open.token, std::optional<QString>(QStringLiteral("QmSecret-kept")));
         QCOMPARE(open.error, std::nullopt);
     }
@@ -102,7 +102,7 @@ private slots:
     void lockedKeyringWithNothingStoredHoldsNoToken() {
         lock();
         clock.restart();
-        const TokenLookup lookup = QCoro::waitFor(Keychain::loadToken());
+        const TokenLookup lookup = QCoro::waitFor(keychain.loadToken());
         checkPrompt();
         QCOMPARE(lookup.token, std::nullopt);
         QCOMPARE(lookup.error, std::nullopt);
@@ -112,12 +112,12 @@ private slots:
         save(QStringLiteral("QmSecret-stays"));
         lock();
         clock.restart();
-        const std::optional<KeychainError> error = QCoro::waitFor(Keychain::deleteToken());
+        const std::optional<KeychainError> error = QCoro::waitFor(keychain.deleteToken());
         checkPrompt();
         QVERIFY(error);
         QCOMPARE(error->kind(), KeychainError::Kind::Locked);
         unlock();
-        QCOMPARE(QCoro::waitFor(Keychain::loadToken()).token,
+        QCOMPARE(QCoro::waitFor(keychain.loadToken()).token,
                  std::optional<QString>(QStringLiteral("QmSecret-stays")));
     }
 
@@ -125,12 +125,12 @@ private slots:
         save(QStringLiteral("QmSecret-old"));
         lock();
         const std::optional<KeychainError> error =
-            QCoro::waitFor(Keychain::saveToken(QStringLiteral("QmSecret-new")));
+            QCoro::waitFor(keychain.saveToken(QStringLiteral("QmSecret-new")));
         QVERIFY(error);
         QCOMPARE(error->kind(), KeychainError::Kind::Locked);
         unlock();
         QCOMPARE(keyring.entries(Keychain::account()), 1);
-        QCOMPARE(QCoro::waitFor(Keychain::loadToken()).token,
+        QCOMPARE(QCoro::waitFor(keychain.loadToken()).token,
                  std::optional<QString>(QStringLiteral("QmSecret-old")));
     }
 
@@ -138,12 +138,12 @@ private slots:
         // Saved in a session without a store; the move into the keyring waits for it to open.
         QVERIFY(file.save("QmSecret-from-file"));
         lock();
-        const TokenLookup locked = QCoro::waitFor(Keychain::loadToken());
+        const TokenLookup locked = QCoro::waitFor(keychain.loadToken());
         QCOMPARE(locked.token, std::optional<QString>(QStringLiteral("QmSecret-from-file")));
         QCOMPARE(locked.error, std::nullopt);
         QVERIFY(QFile::exists(file.path()));
         unlock();
-        QCOMPARE(QCoro::waitFor(Keychain::loadToken()).token,
+        QCOMPARE(QCoro::waitFor(keychain.loadToken()).token,
                  std::optional<QString>(QStringLiteral("QmSecret-from-file")));
         QVERIFY(!QFile::exists(file.path()));
         QCOMPARE(keyring.entries(Keychain::account()), 1);
@@ -151,10 +151,10 @@ private slots:
 
     void unlockingAgainLetsSavesThrough() {
         lock();
-        QVERIFY(QCoro::waitFor(Keychain::saveToken(QStringLiteral("QmSecret-first"))));
+        QVERIFY(QCoro::waitFor(keychain.saveToken(QStringLiteral("QmSecret-first"))));
         unlock();
         save(QStringLiteral("QmSecret-second"));
-        QCOMPARE(QCoro::waitFor(Keychain::loadToken()).token,
+        QCOMPARE(QCoro::waitFor(keychain.loadToken()).token,
                  std::optional<QString>(QStringLiteral("QmSecret-second")));
     }
 };

@@ -69,21 +69,21 @@ std::optional<QByteArray> secretOf(const QDBusObjectPath& item) {
 }
 
 // The token; a store that could not be read gives a text no test expects.
-std::optional<QString> load() {
-    const TokenLookup lookup = QCoro::waitFor(Keychain::loadToken());
+std::optional<QString> load(const Keychain& keychain = Keychain()) {
+    const TokenLookup lookup = QCoro::waitFor(keychain.loadToken());
     if (lookup.error) {
         return QStringLiteral("<unreadable: %1>").arg(lookup.error->reason());
     }
     return lookup.token;
 }
 
-void save(const QString& token) {
-    const std::optional<KeychainError> error = QCoro::waitFor(Keychain::saveToken(token));
+void save(const QString& token, const Keychain& keychain = Keychain()) {
+    const std::optional<KeychainError> error = QCoro::waitFor(keychain.saveToken(token));
     QVERIFY2(!error, qPrintable(error ? error->reason() : QString()));
 }
 
-void remove() {
-    const std::optional<KeychainError> error = QCoro::waitFor(Keychain::deleteToken());
+void remove(const Keychain& keychain = Keychain()) {
+    const std::optional<KeychainError> error = QCoro::waitFor(keychain.deleteToken());
     QVERIFY2(!error, qPrintable(error ? error->reason() : QString()));
 }
 
@@ -106,7 +106,6 @@ private slots:
     }
 
     void init() {
-        Keychain::setBackend(Keychain::Backend::Automatic);
         remove();
         file.remove();
     }
@@ -162,9 +161,10 @@ private slots:
 
     void queuedOperationsTakeEffectInOrder() {
         // Started without waiting, as an unpair followed at once by a new pairing would.
-        auto first = Keychain::saveToken(QStringLiteral("QmSecret-first"));
-        auto erase = Keychain::deleteToken();
-        auto second = Keychain::saveToken(QStringLiteral("QmSecret-second"));
+        const Keychain keychain;
+        auto first = keychain.saveToken(QStringLiteral("QmSecret-first"));
+        auto erase = keychain.deleteToken();
+        auto second = keychain.saveToken(QStringLiteral("QmSecret-second"));
         QCoro::waitFor(second);
         QCoro::waitFor(erase);
         QCoro::waitFor(first);
@@ -198,21 +198,21 @@ private slots:
     }
 
     void pinnedFileBackendLeavesTheStoreAlone() {
-        Keychain::setBackend(Keychain::Backend::TokenFile);
-        save(QStringLiteral("QmSecret-filed"));
-        QCOMPARE(load(), QStringLiteral("QmSecret-filed"));
+        const Keychain keychain(Keychain::Backend::TokenFile);
+        save(QStringLiteral("QmSecret-filed"), keychain);
+        QCOMPARE(load(keychain), QStringLiteral("QmSecret-filed"));
         QCOMPARE(file.load(), QByteArray("QmSecret-filed"));
         QCOMPARE(storedItems().size(), 0);
-        remove();
+        remove(keychain);
         QVERIFY(!QFile::exists(file.path()));
     }
 
     void pinnedSecretStoreBackend() {
-        Keychain::setBackend(Keychain::Backend::SecretStore);
-        save(QStringLiteral("QmSecret-pinned"));
-        QCOMPARE(load(), QStringLiteral("QmSecret-pinned"));
+        const Keychain keychain(Keychain::Backend::SecretStore);
+        save(QStringLiteral("QmSecret-pinned"), keychain);
+        QCOMPARE(load(keychain), QStringLiteral("QmSecret-pinned"));
         QCOMPARE(storedItems().size(), 1);
-        remove();
+        remove(keychain);
         QCOMPARE(storedItems().size(), 0);
     }
 

@@ -27,6 +27,7 @@ class KeychainSilentStoreTest : public QObject {
 
     SilentSecretService service;
     TokenFile file;
+    const Keychain keychain{Keychain::Backend::Automatic, 500ms};
 
 private slots:
     void initTestCase() {
@@ -35,14 +36,13 @@ private slots:
         }
         QVERIFY(service.install());
         QVERIFY(SecretStore::isReachable());
-        Keychain::setSecretStoreTimeout(500ms);
     }
 
     void loadGivesUpWithNothing() {
         QVERIFY(file.save("QmSecret-in-file"));
         QElapsedTimer clock;
         clock.start();
-        const TokenLookup loaded = QCoro::waitFor(Keychain::loadToken());
+        const TokenLookup loaded = QCoro::waitFor(keychain.loadToken());
         QVERIFY2(clock.elapsed() >= 400 && clock.elapsed() < 5000,
                  qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(loaded.token, std::nullopt);
@@ -55,7 +55,7 @@ private slots:
         QElapsedTimer clock;
         clock.start();
         const std::optional<KeychainError> saved =
-            QCoro::waitFor(Keychain::saveToken(QStringLiteral("QmSecret-unsaved")));
+            QCoro::waitFor(keychain.saveToken(QStringLiteral("QmSecret-unsaved")));
         QVERIFY2(clock.elapsed() >= 400 && clock.elapsed() < 5000,
                  qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(saved, silence());
@@ -65,7 +65,7 @@ private slots:
     void deleteGivesUpAndSaysSo() {
         QElapsedTimer clock;
         clock.start();
-        const std::optional<KeychainError> removed = QCoro::waitFor(Keychain::deleteToken());
+        const std::optional<KeychainError> removed = QCoro::waitFor(keychain.deleteToken());
         QVERIFY2(clock.elapsed() >= 400 && clock.elapsed() < 5000,
                  qPrintable(QString::number(clock.elapsed())));
         QCOMPARE(removed, silence());

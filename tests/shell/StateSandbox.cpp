@@ -7,9 +7,7 @@
 #include <QFile>
 
 StateSandbox::StateSandbox() : m_tree(std::make_unique<TempTree>()) {
-    Keychain::setBackend(Keychain::Backend::TokenFile);
-    AppState::setBridgeEnabled(false);
-    AppState::resetShared();
+    m_services.keychain = keychain();
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_tree->dir(QStringLiteral("config"))));
     qputenv("XDG_DATA_HOME", QFile::encodeName(m_tree->dir(QStringLiteral("data"))));
     m_tree->dir(QStringLiteral("runtime"));
@@ -20,15 +18,39 @@ StateSandbox::StateSandbox() : m_tree(std::make_unique<TempTree>()) {
 }
 
 StateSandbox::~StateSandbox() {
-    AppState::resetShared();
+    endState();
+}
+
+Keychain StateSandbox::keychain() {
+    return Keychain(Keychain::Backend::TokenFile);
+}
+
+void StateSandbox::setApprovalPrompt(std::shared_ptr<ApprovalPrompt> prompt) {
+    m_services.approvalPrompt = std::move(prompt);
+}
+
+void StateSandbox::setFolderChooser(std::shared_ptr<FolderChooser> chooser) {
+    m_services.folderChooser = std::move(chooser);
+}
+
+AppState& StateSandbox::state() {
+    if (!m_state) {
+        // The bridge stays idle.
+        m_state = std::make_unique<AppState>(m_services, AppOptions{false, true});
+    }
+    return *m_state;
+}
+
+void StateSandbox::endState() {
+    m_state.reset();
 }
 
 void StateSandbox::storeToken() {
-    QCoro::waitFor(Keychain::saveToken(QStringLiteral("tok-shell-test")));
+    QCoro::waitFor(keychain().saveToken(QStringLiteral("tok-shell-test")));
 }
 
 bool StateSandbox::hasToken() const {
-    return QCoro::waitFor(Keychain::loadToken()).token.has_value();
+    return QCoro::waitFor(keychain().loadToken()).token.has_value();
 }
 
 QString StateSandbox::folder(const QString& name) const {

@@ -1,7 +1,6 @@
 // The desktop entry point with a stand-in window that prints "window shown" each time it is
 // brought up; the token lives in a file and the bridge stays idle.
 
-#include "AppState.h"
 #include "DesktopApp.h"
 #include "Keychain.h"
 #include "WindowPresenter.h"
@@ -21,7 +20,7 @@ public:
 } // namespace
 
 int main(int argc, char** argv) {
-    Keychain::setBackend(Keychain::Backend::TokenFile);
-    AppState::setBridgeEnabled(false);
-    return DesktopApp::run(argc, argv, [] { return std::make_unique<PrintingWindow>(); });
+    return DesktopApp::run(
+        argc, argv, [] { return std::make_unique<PrintingWindow>(); },
+        Keychain(Keychain::Backend::TokenFile), AppOptions{false, true});
 }

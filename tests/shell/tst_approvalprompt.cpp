@@ -273,8 +273,8 @@ private slots:
 
     void throughTheStateWithApprovalOffNoAlertShows() {
         StateSandbox sandbox;
-        ApprovalPrompt::install(std::make_shared<MessageBoxApprovalPrompt>());
-        AppState& state = AppState::shared();
+        sandbox.setApprovalPrompt(std::make_shared<MessageBoxApprovalPrompt>());
+        AppState& state = sandbox.state();
         state.storeRequireWriteApproval(false);
         QCOMPARE(QCoro::waitFor(state.requestWriteApproval(QStringLiteral("a\nb"), 0)), true);
         QVERIFY(openAlerts().isEmpty());
@@ -288,7 +288,6 @@ private slots:
         buttonTitled(box, QStringLiteral("Deny"))->click();
         QTRY_VERIFY(answer->value.has_value());
         QCOMPARE(*answer->value, false);
-        ApprovalPrompt::install(nullptr);
     }
 };
 

@@ -80,19 +80,16 @@ class FolderChooserTest : public QObject {
 
 private slots:
     void init() { sandbox = std::make_unique<StateSandbox>(); }
-    void cleanup() {
-        FolderChooser::install(nullptr);
-        sandbox.reset();
-    }
+    void cleanup() { sandbox.reset(); }
 
     void answeredThroughTheFileNameField() {
         const QString folder = sandbox->folder(QStringLiteral("Projects"));
         Seen seen;
         answerWhenOpen(&seen, typePath(folder));
         FileDialogFolderChooser chooser;
-        const std::optional<QString> chosen = chooser.chooseFolder(
+        const std::optional<QString> chosen = QCoro::waitFor(chooser.chooseFolder(
             QStringLiteral("Share with agents"),
-            QStringLiteral("Choose a folder Quillmar agents may read and write."));
+            QStringLiteral("Choose a folder Quillmar agents may read and write.")));
         QVERIFY(seen.found);
         QVERIFY(seen.nonNative);
         QVERIFY(seen.directories);
@@ -108,7 +105,8 @@ private slots:
         Seen seen;
         answerWhenOpen(&seen, typePath(folder + u'/'));
         FileDialogFolderChooser chooser;
-        QCOMPARE(chooser.chooseFolder(QStringLiteral("Share with agents"), QStringLiteral("m")),
+        QCOMPARE(QCoro::waitFor(chooser.chooseFolder(QStringLiteral("Share with agents"),
+                                                     QStringLiteral("m"))),
                  std::optional<QString>(folder));
     }
 
@@ -116,7 +114,8 @@ private slots:
         Seen seen;
         answerWhenOpen(&seen, [](QFileDialog* dialog) { dialog->reject(); });
         FileDialogFolderChooser chooser;
-        QCOMPARE(chooser.chooseFolder(QStringLiteral("Share with agents"), QStringLiteral("m")),
+        QCOMPARE(QCoro::waitFor(chooser.chooseFolder(QStringLiteral("Share with agents"),
+                                                     QStringLiteral("m"))),
                  std::nullopt);
         QVERIFY(seen.found);
     }
@@ -125,32 +124,32 @@ private slots:
         Seen seen;
         answerWhenOpen(&seen, [](QFileDialog* dialog) { QTest::keyClick(dialog, Qt::Key_Escape); });
         FileDialogFolderChooser chooser;
-        QCOMPARE(chooser.chooseFolder(QStringLiteral("Share with agents"), QStringLiteral("m")),
+        QCOMPARE(QCoro::waitFor(chooser.chooseFolder(QStringLiteral("Share with agents"),
+                                                     QStringLiteral("m"))),
                  std::nullopt);
     }
 
     void addingAFolderThroughTheState() {
-        FolderChooser::install(std::make_shared<FileDialogFolderChooser>());
+        sandbox->setFolderChooser(std::make_shared<FileDialogFolderChooser>());
         const QString folder = sandbox->folder(QStringLiteral("Reports"));
-        AppState& state = AppState::shared();
-        // Shared with the state, so the listener stays valid however long the state lives.
-        const auto changes = std::make_shared<int>(0);
-        state.onChange = [changes] { ++*changes; };
+        AppState& state = sandbox->state();
+        int changes = 0;
+        connect(&state, &AppState::changed, this, [&changes] { ++changes; });
         Seen seen;
         answerWhenOpen(&seen, typePath(folder));
-        state.addFolder();
+        QVERIFY(QCoro::waitFor(state.addFolderAndWait()));
         QCOMPARE(seen.acceptLabel, QStringLiteral("Share with agents"));
         QCOMPARE(seen.title, QStringLiteral("Choose a folder Quillmar agents may read and write."));
         QCOMPARE(state.folders().size(), 1);
         QCOMPARE(state.folders().front().path, folder);
         QCOMPARE(state.folders().front().name, QStringLiteral("Reports"));
-        QCOMPARE(*changes, 1);
+        QCOMPARE(changes, 1);
 
         // Cancelled: no change, no announcement.
         answerWhenOpen(&seen, [](QFileDialog* dialog) { dialog->reject(); });
-        state.addFolder();
+        QVERIFY(!QCoro::waitFor(state.addFolderAndWait()));
         QCOMPARE(state.folders().size(), 1);
-        QCOMPARE(*changes, 1);
+        QCOMPARE(changes, 1);
     }
 };
 

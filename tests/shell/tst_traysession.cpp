@@ -114,10 +114,10 @@ private:
     QRect iconGeometry() const { return m_delegate->statusItem()->geometry(); }
 
     // A few of an agent's calls, for the "Recent Activity" submenu.
-    static void addActivity() {
+    void addActivity() {
         const QDateTime start = QDateTime::currentDateTime().addSecs(-120);
-        const auto add = [&](int seconds, const QString& tool, const QString& subject,
-                             ActivityEntry::Outcome outcome, qint64 bytes) {
+        const auto add = [&, this](int seconds, const QString& tool, const QString& subject,
+                                   ActivityEntry::Outcome outcome, qint64 bytes) {
             ActivityEntry entry;
             entry.time = start.addSecs(seconds);
             entry.tool = tool;
@@ -127,7 +127,7 @@ private:
             if (outcome == ActivityEntry::Outcome::Failed) {
                 entry.error = QStringLiteral("No such file or directory.");
             }
-            AppState::shared().activity().append(entry);
+            m_sandbox->state().activity().append(entry);
         };
         const QString read = QStringLiteral("local_read_file");
         const QString write = QStringLiteral("local_write_file");
@@ -153,7 +153,8 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(QSystemTrayIcon::isSystemTrayAvailable(), 15000);
         m_sandbox = std::make_unique<StateSandbox>();
         m_sandbox->storeToken();
-        m_delegate = std::make_unique<AppDelegate>(std::make_unique<FakeWindow>(m_shows));
+        m_delegate = std::make_unique<AppDelegate>(m_sandbox->state(),
+                                                   std::make_unique<FakeWindow>(m_shows));
         m_delegate->setTerminate([] {});
     }
 
@@ -166,10 +167,11 @@ private slots:
         m_delegate->applicationDidFinishLaunching();
         // Paired, with a tray: the window stays closed.
         QCOMPARE(*m_shows, 0);
-        AppState::shared().addFolderAt(m_sandbox->folder(QStringLiteral("Documents")));
-        AppState::shared().addFolderAt(m_sandbox->folder(QStringLiteral("Documents")), true);
+        m_sandbox->state().addFolderAt(m_sandbox->folder(QStringLiteral("Documents")));
+        m_sandbox->state().addFolderAt(m_sandbox->folder(QStringLiteral("Documents")), true);
         addActivity();
-        AppState::shared().bridge().onStatus(true, QStringLiteral("Connected to Quillmar"));
+        emit m_sandbox->state().bridge().statusChanged(true,
+                                                       QStringLiteral("Connected to Quillmar"));
         QVERIFY(m_delegate->statusItem()->isVisible());
         QTRY_VERIFY_WITH_TIMEOUT(iconGeometry().width() >= 16, 10000);
         QTest::qWait(300);
@@ -218,11 +220,11 @@ private slots:
         // A real click on "Ask before writing files" flips the setting and closes the menu.
         QAction* approval = actionTitled(menu, QStringLiteral("Ask before writing files"));
         QVERIFY(approval);
-        QVERIFY(AppState::shared().requireWriteApproval());
+        QVERIFY(m_sandbox->state().requireWriteApproval());
         QVERIFY(moveTo(centreOf(menu, approval)));
         QTest::qWait(200);
         QVERIFY(clickAt(centreOf(menu, approval), 1));
-        QTRY_VERIFY_WITH_TIMEOUT(!AppState::shared().requireWriteApproval(), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_sandbox->state().requireWriteApproval(), 5000);
         QTRY_VERIFY(!menu || !menu->isVisible() || menu != m_delegate->statusMenu());
         QVERIFY(!actionTitled(m_delegate->statusMenu(), QStringLiteral("Ask before writing files"))
                      ->isChecked());
@@ -239,7 +241,8 @@ private slots:
 
     void theIconComesBackWhenTheTrayRestarts() {
         // Offline, on a light panel this time.
-        AppState::shared().bridge().onStatus(false, QStringLiteral("Reconnecting in 2s\u2026"));
+        emit m_sandbox->state().bridge().statusChanged(false,
+                                                       QStringLiteral("Reconnecting in 2s\u2026"));
         m_session->stopTray();
         QTRY_VERIFY_WITH_TIMEOUT(!QSystemTrayIcon::isSystemTrayAvailable(), 10000);
         QString why;

@@ -24,19 +24,25 @@ class AppStateKeyringTest : public QObject {
     Q_OBJECT
 
     KeyringControl keyring;
+    // The private keyring is the desktop's store here.
+    Keychain keychain{Keychain::Backend::Automatic};
+    std::unique_ptr<AppState> running;
 
     void lock() { QVERIFY2(keyring.lock(), qPrintable(keyring.error())); }
     void unlock() { QVERIFY2(keyring.unlock(), qPrintable(keyring.error())); }
     void storeToken(const QString& token) {
-        QCOMPARE(QCoro::waitFor(Keychain::saveToken(token)), std::nullopt);
+        QCOMPARE(QCoro::waitFor(keychain.saveToken(token)), std::nullopt);
     }
-    static std::optional<QString> storedToken() {
-        const TokenLookup lookup = QCoro::waitFor(Keychain::loadToken());
+    std::optional<QString> storedToken() const {
+        const TokenLookup lookup = QCoro::waitFor(keychain.loadToken());
         return lookup.error ? QStringLiteral("<unreadable>") : lookup.token;
     }
-    static AppState& freshState() {
-        AppState::resetShared();
-        return AppState::shared();
+    // A state as a new start makes it, the bridge left idle.
+    AppState& freshState() {
+        running.reset();
+        running = std::make_unique<AppState>(AppServices{nullptr, nullptr, keychain},
+                                             AppOptions{false, true});
+        return *running;
     }
 
 private slots:
@@ -45,18 +51,16 @@ private slots:
             QSKIP("needs the private keyring that run_sandboxed.sh sets up; run it through ctest");
         }
         QVERIFY(qEnvironmentVariableIsEmpty("DISPLAY"));
-        Keychain::setBackend(Keychain::Backend::Automatic);
-        AppState::setBridgeEnabled(false);
         QCOMPARE(storedToken(), std::nullopt);
     }
 
     void init() {
         unlock();
-        QCOMPARE(QCoro::waitFor(Keychain::deleteToken()), std::nullopt);
+        QCOMPARE(QCoro::waitFor(keychain.deleteToken()), std::nullopt);
     }
 
     void cleanup() {
-        AppState::resetShared();
+        running.reset();
         unlock();
     }
 

@@ -3,6 +3,7 @@
 #include "FolderStore.h"
 #include "TempTree.h"
 
+#include <QCoroTask>
 #include <QSettings>
 #include <QStandardPaths>
 #include <QTest>
@@ -16,11 +17,13 @@ public:
     QString message;
     int shown = 0;
 
-    std::optional<QString> chooseFolder(const QString& p, const QString& m) override {
+    QCoro::Task<std::optional<QString>> chooseFolder(QString p, QString m) override {
         ++shown;
         prompt = p;
         message = m;
-        return answer;
+        // A copy: GCC 12 moves from a member named in co_return.
+        const std::optional<QString> given = answer;
+        co_return given;
     }
 };
 
@@ -43,9 +46,7 @@ private slots:
         QFile::remove(AppSettings::filePath());
         QVERIFY(AppSettings::filePath().startsWith(home->path()));
         chooser = std::make_shared<ScriptedChooser>();
-        FolderChooser::install(chooser);
     }
-    void cleanup() { FolderChooser::install(nullptr); }
 
     void nothingStoredLoadsEmpty() { QVERIFY(FolderStore::load().isEmpty()); }
 
@@ -103,43 +104,52 @@ private slots:
                  QStringLiteral("Documents 2"));
     }
 
-    void pickUsesTheChooser() {
+    void choosingAsksTheChooser() {
         TempTree tree;
         chooser->answer = tree.dir(QStringLiteral("Documents"));
-        const auto existing = QList<SharedFolder>{named(QStringLiteral("Documents"))};
-        const std::optional<SharedFolder> picked = FolderStore::pick(existing);
-        QVERIFY(picked);
+        const std::optional<QString> chosen = QCoro::waitFor(FolderStore::choosePath(*chooser));
+        QCOMPARE(chosen, chooser->answer);
         QCOMPARE(chooser->prompt, QStringLiteral("Share with agents"));
         QCOMPARE(chooser->message,
                  QStringLiteral("Choose a folder Quillmar agents may read and write."));
-        QCOMPARE(picked->name, QStringLiteral("Documents 2"));
-        QCOMPARE(picked->path, tree.path(QStringLiteral("Documents")));
-        QVERIFY(picked->bookmark);
-        QCOMPARE(FolderStore::resolveBookmark(*picked->bookmark),
-                 std::optional<QString>(picked->path));
-        QVERIFY(!picked->id.isNull());
-        // pick does not save
+    }
+
+    void aChosenFolderMakesARecord() {
+        TempTree tree;
+        chooser->answer = tree.dir(QStringLiteral("Documents"));
+        const auto existing = QList<SharedFolder>{named(QStringLiteral("Documents"))};
+        const std::optional<QString> chosen = QCoro::waitFor(FolderStore::choosePath(*chooser));
+        QVERIFY(chosen);
+        const SharedFolder picked = FolderStore::makeRecord(*chosen, existing);
+        QCOMPARE(picked.name, QStringLiteral("Documents 2"));
+        QCOMPARE(picked.path, tree.path(QStringLiteral("Documents")));
+        QVERIFY(picked.bookmark);
+        QCOMPARE(FolderStore::resolveBookmark(*picked.bookmark),
+                 std::optional<QString>(picked.path));
+        QVERIFY(!picked.id.isNull());
+        // neither saves
         QVERIFY(!AppSettings::data(QStringLiteral("shared_folders")));
     }
 
     void pickingTheSameFolderTwiceGivesTwoRecords() {
         TempTree tree;
         chooser->answer = tree.dir(QStringLiteral("Work"));
-        const auto first = FolderStore::pick({});
-        const auto second = FolderStore::pick({*first});
-        QVERIFY(first && second);
-        QVERIFY(first->id != second->id);
-        QCOMPARE(first->name, QStringLiteral("Work"));
-        QCOMPARE(second->name, QStringLiteral("Work 2"));
-        QCOMPARE(first->path, second->path);
+        const std::optional<QString> chosen = QCoro::waitFor(FolderStore::choosePath(*chooser));
+        QVERIFY(chosen);
+        const SharedFolder first = FolderStore::makeRecord(*chosen, {});
+        const SharedFolder second = FolderStore::makeRecord(*chosen, {first});
+        QVERIFY(first.id != second.id);
+        QCOMPARE(first.name, QStringLiteral("Work"));
+        QCOMPARE(second.name, QStringLiteral("Work 2"));
+        QCOMPARE(first.path, second.path);
     }
 
     void cancelledChooserGivesNothing() {
         chooser->answer.reset();
-        QVERIFY(!FolderStore::pick({}));
+        QVERIFY(!QCoro::waitFor(FolderStore::choosePath(*chooser)));
         QCOMPARE(chooser->shown, 1);
-        FolderChooser::install(nullptr);
-        QVERIFY(!FolderStore::pick({}));
+        chooser->answer = QString();
+        QVERIFY(!QCoro::waitFor(FolderStore::choosePath(*chooser)));
     }
 
     void recordWithoutBookmarkPassesThroughUnactivated() {

@@ -1,12 +1,12 @@
 #include "QueuedFolderChooser.h"
 
-std::optional<QString> QueuedFolderChooser::chooseFolder(const QString& prompt,
-                                                         const QString& message) {
+QCoro::Task<std::optional<QString>> QueuedFolderChooser::chooseFolder(QString prompt,
+                                                                      QString message) {
     Q_UNUSED(prompt)
     Q_UNUSED(message)
     ++asked;
     if (answers.isEmpty()) {
-        return std::nullopt;
+        co_return std::nullopt;
     }
-    return answers.takeFirst();
+    co_return answers.takeFirst();
 }

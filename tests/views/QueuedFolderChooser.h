@@ -10,5 +10,5 @@ public:
     QStringList answers;
     int asked = 0;
 
-    std::optional<QString> chooseFolder(const QString& prompt, const QString& message) override;
+    QCoro::Task<std::optional<QString>> chooseFolder(QString prompt, QString message) override;
 };

@@ -49,37 +49,32 @@ void collectTexts(QQuickItem* item, QStringList& found) {
 
 } // namespace
 
-ViewHarness::ViewHarness(Keychain::Backend backend) : m_home(std::make_unique<TempTree>()) {
+ViewHarness::ViewHarness(Keychain::Backend backend)
+    : m_home(std::make_unique<TempTree>()), m_keychain(backend) {
     qputenv("XDG_CONFIG_HOME", QFile::encodeName(m_home->dir(QStringLiteral("config"))));
     qputenv("XDG_DATA_HOME", QFile::encodeName(m_home->dir(QStringLiteral("data"))));
     m_service = std::make_unique<ClaimStub>();
     m_service->respond(200, okClaim);
     qputenv("QUILLMAR_API", m_service->base().toUtf8());
-    Keychain::setBackend(backend);
-    AppState::setBridgeEnabled(false);
-    AppState::resetShared();
     m_chooser = std::make_shared<QueuedFolderChooser>();
-    FolderChooser::install(m_chooser);
 }
 
 ViewHarness::~ViewHarness() {
     // The window's engine holds the state; it goes first.
     m_controller.reset();
-    AppState::resetShared();
-    FolderChooser::install(nullptr);
+    m_state.reset();
 }
 
 void ViewHarness::storeToken() {
     const std::optional<KeychainError> error =
-        QCoro::waitFor(Keychain::saveToken(QStringLiteral("tok-stored")));
+        QCoro::waitFor(m_keychain.saveToken(QStringLiteral("tok-stored")));
     if (error) {
         QTest::qFail(qPrintable(error->reason()), __FILE__, __LINE__);
     }
 }
 
 AppState& ViewHarness::start() {
-    AppState& state = AppState::shared();
-    state.onChange = [this] { ++changes; };
+    AppState& state = this->state();
     m_controller = std::make_unique<OnboardingWindowController>();
     m_controller->show();
     if (!QTest::qWaitForWindowExposed(window())) {
@@ -94,7 +89,13 @@ AppState& ViewHarness::start() {
 }
 
 AppState& ViewHarness::state() {
-    return AppState::shared();
+    if (!m_state) {
+        // The bridge stays idle.
+        m_state = std::make_unique<AppState>(AppServices{nullptr, m_chooser, m_keychain},
+                                             AppOptions{false, true});
+        QObject::connect(m_state.get(), &AppState::changed, [this] { ++changes; });
+    }
+    return *m_state;
 }
 
 QQuickWindow* ViewHarness::window() const {
@@ -198,7 +199,7 @@ QString ViewHarness::addFolder(const QString& name) {
 }
 
 void ViewHarness::reportStatus(bool online, const QString& text) {
-    state().bridge().onStatus(online, text);
+    emit state().bridge().statusChanged(online, text);
     settle();
 }
 

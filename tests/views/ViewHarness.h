@@ -30,8 +30,9 @@ public:
 
     // Stores a device token, so that the next state starts paired.
     void storeToken();
-    // Creates the state (from what is stored) and shows the window.
+    // Shows the window on the state.
     AppState& start();
+    // The state, made from what is stored on first use.
     AppState& state();
     OnboardingWindowController& controller() { return *m_controller; }
     QQuickWindow* window() const;
@@ -80,7 +81,9 @@ public:
 
 private:
     std::unique_ptr<TempTree> m_home;
+    Keychain m_keychain;
     std::unique_ptr<ClaimStub> m_service;
     std::shared_ptr<QueuedFolderChooser> m_chooser;
+    std::unique_ptr<AppState> m_state;
     std::unique_ptr<OnboardingWindowController> m_controller;
 };

@@ -35,9 +35,9 @@ private slots:
     }
 
     void init() {
-        Keychain::setBackend(Keychain::Backend::Automatic);
         unlock();
-        QCOMPARE(QCoro::waitFor(Keychain::deleteToken()), std::nullopt);
+        QCOMPARE(QCoro::waitFor(Keychain(Keychain::Backend::Automatic).deleteToken()),
+                 std::nullopt);
     }
 
     void cleanup() { unlock(); }

@@ -230,8 +230,7 @@ private slots:
     void onboardingOpenedWhilePairedSkipsToFoldersOrDone() {
         ViewHarness harness;
         harness.storeToken();
-        AppState& state = AppState::shared();
-        QVERIFY(state.paired());
+        QVERIFY(harness.state().paired());
         // A root view told not to show home while paired (as after pairing in a window that
         // was created unpaired) opens onboarding at the folders step...
         for (bool withFolders : {false, true}) {

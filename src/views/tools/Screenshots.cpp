@@ -78,11 +78,11 @@ QQuickItem* findItem(QQuickItem* item, const QString& name) {
 class QueueChooser : public FolderChooser {
 public:
     QStringList answers;
-    std::optional<QString> chooseFolder(const QString&, const QString&) override {
+    QCoro::Task<std::optional<QString>> chooseFolder(QString, QString) override {
         if (answers.isEmpty()) {
-            return std::nullopt;
+            co_return std::nullopt;
         }
-        return answers.takeFirst();
+        co_return answers.takeFirst();
     }
 };
 
@@ -317,14 +317,12 @@ int main(int argc, char* argv[]) {
     qputenv("QUILLMAR_API", service.base().toUtf8());
     // The file tools as built next to the companion, so the window shows their real protection.
     qputenv("QUILLMAR_FILE_WORKER", QUILLMAR_FILE_WORKER_BUILT);
-    Keychain::setBackend(Keychain::Backend::TokenFile);
-    // The bridge stays idle; the tour reports its status itself.
-    AppState::setBridgeEnabled(false);
     auto chooser = std::make_shared<QueueChooser>();
-    FolderChooser::install(chooser);
     const QStringList folders = makeFolders(home);
 
-    AppState& state = AppState::shared();
+    // The bridge stays idle; the tour reports its status itself.
+    AppState state(AppServices{nullptr, chooser, Keychain(Keychain::Backend::TokenFile)},
+                   AppOptions{false, true});
     OnboardingWindowController controller;
     controller.show();
     Tour tour(controller, outputDir);
@@ -364,12 +362,12 @@ int main(int argc, char* argv[]) {
 
     QMetaObject::invokeMethod(onboarding, "finish");
     settle();
-    state.bridge().onStatus(true, QStringLiteral("Connected to Quillmar"));
+    emit state.bridge().statusChanged(true, QStringLiteral("Connected to Quillmar"));
     tour.shoot(QStringLiteral("09-home-online"));
-    state.bridge().onStatus(false, QStringLiteral("Reconnecting in 4s…"));
+    emit state.bridge().statusChanged(false, QStringLiteral("Reconnecting in 4s…"));
     tour.shoot(QStringLiteral("10-home-offline"));
 
-    state.bridge().onStatus(true, QStringLiteral("Connected to Quillmar"));
+    emit state.bridge().statusChanged(true, QStringLiteral("Connected to Quillmar"));
     // Ten in all, with the two from onboarding.
     for (int i = 1; i <= 8; ++i) {
         const QString path = home.filePath(QStringLiteral("alex/Projects/Project %1").arg(i));
@@ -392,7 +390,7 @@ int main(int argc, char* argv[]) {
     state.setPaused(true);
     tour.shoot(QStringLiteral("15-home-paused"));
     state.setPaused(false);
-    state.bridge().onStatus(true, QStringLiteral("Connected to Quillmar"));
+    emit state.bridge().statusChanged(true, QStringLiteral("Connected to Quillmar"));
 
     QQuickItem* homeView = tour.item(QStringLiteral("homeView"));
     QMetaObject::invokeMethod(homeView, "showActivity");
