@@ -4,7 +4,7 @@
 #include "AppIdentity.h"
 #include "AppState.h"
 #include "BridgeClient.h"
-#include "FileDialogFolderChooser.h"
+#include "DesktopFolderChooser.h"
 #include "MessageBoxApprovalPrompt.h"
 #include "QuitOnSignals.h"
 #include "SingleInstance.h"
@@ -62,7 +62,7 @@ int DesktopApp::run(int& argc, char** argv, const WindowFactory& makeWindow,
     // Before the event loop runs: creating the state may wait for the secret store, and that
     // wait must not sit inside a running loop.
     AppState state(AppServices{std::make_shared<MessageBoxApprovalPrompt>(openWindow),
-                               std::make_shared<FileDialogFolderChooser>(), keychain},
+                               std::make_shared<DesktopFolderChooser>(openWindow), keychain},
                    options);
     std::unique_ptr<WindowPresenter> window = makeWindow();
     presenter = window.get();

@@ -4,7 +4,13 @@
 #include <QDir>
 #include <QFileDialog>
 
+#include <QWindow>
+
 #include <memory>
+#include <utility>
+
+FileDialogFolderChooser::FileDialogFolderChooser(std::function<QWindow*()> parentWindow)
+    : m_parentWindow(std::move(parentWindow)) {}
 
 QString FileDialogFolderChooser::dialogObjectName() {
     return QStringLiteral("folderChooser");
@@ -14,13 +20,17 @@ QCoro::Task<std::optional<QString>> FileDialogFolderChooser::chooseFolder(QStrin
                                                                           QString message) {
     const auto dialog = std::make_unique<QFileDialog>();
     dialog->setObjectName(dialogObjectName());
-    dialog->setOption(QFileDialog::DontUseNativeDialog);
     dialog->setOption(QFileDialog::ShowDirsOnly);
     dialog->setFileMode(QFileDialog::Directory);
     dialog->setAcceptMode(QFileDialog::AcceptOpen);
     dialog->setLabelText(QFileDialog::Accept, prompt);
     dialog->setWindowTitle(message);
     dialog->setDirectory(QDir::homePath());
+    if (QWindow* parent = m_parentWindow ? m_parentWindow() : nullptr) {
+        // Attached to the window, so the desktop keeps it above the window and moves it along.
+        dialog->winId();
+        dialog->windowHandle()->setTransientParent(parent);
+    }
 
     // Modal for the user, but answered through the application's own event loop: no loop of
     // its own runs while the dialog is up.

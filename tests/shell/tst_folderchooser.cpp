@@ -9,6 +9,7 @@
 #include <QLineEdit>
 #include <QTest>
 #include <QTimer>
+#include <QWindow>
 
 #include <functional>
 
@@ -91,13 +92,32 @@ private slots:
             QStringLiteral("Share with agents"),
             QStringLiteral("Choose a folder Quillmar agents may read and write.")));
         QVERIFY(seen.found);
-        QVERIFY(seen.nonNative);
+        // The platform theme's own dialog may stand in; offscreen there is none, so it is Qt's.
+        QVERIFY(!seen.nonNative);
         QVERIFY(seen.directories);
         QVERIFY(seen.dirsOnly);
         QVERIFY(seen.modal);
         QCOMPARE(seen.acceptLabel, QStringLiteral("Share with agents"));
         QCOMPARE(seen.title, QStringLiteral("Choose a folder Quillmar agents may read and write."));
         QCOMPARE(chosen, std::optional<QString>(folder));
+    }
+
+    void theDialogBelongsToTheOpenWindow() {
+        QWindow window;
+        window.show();
+        QWindow* attachedTo = nullptr;
+        Seen seen;
+        answerWhenOpen(&seen, [&attachedTo](QFileDialog* dialog) {
+            attachedTo =
+                dialog->windowHandle() ? dialog->windowHandle()->transientParent() : nullptr;
+            dialog->reject();
+        });
+        FileDialogFolderChooser chooser([&window] { return &window; });
+        QCOMPARE(QCoro::waitFor(chooser.chooseFolder(QStringLiteral("Share with agents"),
+                                                     QStringLiteral("m"))),
+                 std::nullopt);
+        QVERIFY(seen.found);
+        QCOMPARE(attachedTo, &window);
     }
 
     void aTrailingSlashIsDropped() {

@@ -2,8 +2,11 @@
 // connection of its own to a private session bus (see ../pairing/run_sandboxed.sh): what is
 // asked, and every way the answer can come back.
 
+#include "DesktopFolderChooser.h"
+#include "FileDialogFolderChooser.h"
 #include "PortalFolderChooser.h"
 
+#include <QApplication>
 #include <QCoroTask>
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -11,7 +14,8 @@
 #include <QDBusObjectPath>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QGuiApplication>
+#include <QFileDialog>
+#include <QLineEdit>
 #include <QTest>
 #include <QTimer>
 #include <QUrl>
@@ -91,6 +95,48 @@ private:
 
 QVariantMap chosenUris(const QStringList& uris) {
     return {{QStringLiteral("uris"), uris}};
+}
+
+QFileDialog* openDialog() {
+    for (QWidget* widget : QApplication::topLevelWidgets()) {
+        auto* dialog = qobject_cast<QFileDialog*>(widget);
+        if (dialog && dialog->isVisible() &&
+            dialog->objectName() == FileDialogFolderChooser::dialogObjectName()) {
+            return dialog;
+        }
+    }
+    return nullptr;
+}
+
+// Whether a file dialog came up while `task` ran, and the task's answer; a dialog that comes
+// up is answered with `path` (or cancelled when it is empty).
+struct DialogRun {
+    bool dialogShown = false;
+    std::optional<QString> chosen;
+};
+
+DialogRun runWatchingForDialogs(QCoro::Task<std::optional<QString>> task, const QString& path) {
+    DialogRun run;
+    QTimer watch;
+    watch.setInterval(10);
+    QObject::connect(&watch, &QTimer::timeout, [&run, &path] {
+        QFileDialog* dialog = openDialog();
+        if (!dialog) {
+            return;
+        }
+        run.dialogShown = true;
+        if (path.isEmpty()) {
+            dialog->reject();
+            return;
+        }
+        if (auto* name = dialog->findChild<QLineEdit*>(QStringLiteral("fileNameEdit"))) {
+            name->setText(path);
+        }
+        QMetaObject::invokeMethod(dialog, "accept");
+    });
+    watch.start();
+    run.chosen = QCoro::waitFor(std::move(task));
+    return run;
 }
 
 } // namespace
@@ -214,6 +260,47 @@ private slots:
         QCOMPARE(choose().outcome, PortalFolderChooser::Outcome::Unavailable);
     }
 
+    // The desktop app's chooser: the portal first, the dialog where the portal cannot answer.
+    void theDesktopChooserTakesThePortalsAnswer() {
+        m_portal->results = chosenUris({QStringLiteral("file:///srv/from-portal")});
+        DesktopFolderChooser chooser;
+        const DialogRun run = runWatchingForDialogs(
+            chooser.chooseFolder(QStringLiteral("Share"), QStringLiteral("m")), QDir::homePath());
+        QCOMPARE(run.chosen, std::optional<QString>(QStringLiteral("/srv/from-portal")));
+        QVERIFY(!run.dialogShown);
+        QCOMPARE(m_portal->opened, 1);
+    }
+
+    void cancellingInThePortalOpensNoSecondDialog() {
+        m_portal->response = 1;
+        DesktopFolderChooser chooser;
+        const DialogRun run = runWatchingForDialogs(
+            chooser.chooseFolder(QStringLiteral("Share"), QStringLiteral("m")), QDir::homePath());
+        QCOMPARE(run.chosen, std::nullopt);
+        QVERIFY(!run.dialogShown);
+    }
+
+    void withoutAPortalTheDialogAsks() {
+        cleanup();
+        const QString folder = QDir::tempPath();
+        DesktopFolderChooser chooser;
+        const DialogRun run = runWatchingForDialogs(
+            chooser.chooseFolder(QStringLiteral("Share"), QStringLiteral("m")), folder);
+        QVERIFY(run.dialogShown);
+        QCOMPARE(run.chosen, std::optional<QString>(QDir::cleanPath(folder)));
+        startPortal();
+    }
+
+    void aPortalThatFailsHandsOverToTheDialog() {
+        m_portal->response = 2;
+        DesktopFolderChooser chooser;
+        const DialogRun run = runWatchingForDialogs(
+            chooser.chooseFolder(QStringLiteral("Share"), QStringLiteral("m")), QString());
+        QCOMPARE(m_portal->opened, 1);
+        QVERIFY(run.dialogShown);
+        QCOMPARE(run.chosen, std::nullopt);
+    }
+
     void theParentIsAnX11WindowOnlyOnX11() {
         QWindow window;
         QCOMPARE(PortalFolderChooser::parentWindowHandle(nullptr), QString());
@@ -225,7 +312,7 @@ private slots:
 
 int main(int argc, char** argv) {
     qputenv("QT_QPA_PLATFORM", "offscreen");
-    QGuiApplication app(argc, argv);
+    QApplication app(argc, argv);
     PortalFolderChooserTest test;
     return QTest::qExec(&test, argc, argv);
 }
