@@ -1,6 +1,7 @@
 #include "AppState.h"
 #include "FileDialogFolderChooser.h"
 #include "FolderChooser.h"
+#include "OpenFolderDialog.h"
 #include "ShellTestMain.h"
 #include "StateSandbox.h"
 
@@ -26,21 +27,10 @@ struct Seen {
     QString title;
 };
 
-QFileDialog* openChooser() {
-    for (QWidget* widget : QApplication::topLevelWidgets()) {
-        auto* dialog = qobject_cast<QFileDialog*>(widget);
-        if (dialog && dialog->isVisible() &&
-            dialog->objectName() == FileDialogFolderChooser::dialogObjectName()) {
-            return dialog;
-        }
-    }
-    return nullptr;
-}
-
 // The chooser runs its own modal loop; this answers it from inside that loop, once it is up.
 void answerWhenOpen(Seen* seen, std::function<void(QFileDialog*)> answer, int attempts = 500) {
     QTimer::singleShot(10, [seen, answer = std::move(answer), attempts] {
-        QFileDialog* dialog = openChooser();
+        QFileDialog* dialog = OpenFolderDialog::find();
         if (!dialog) {
             if (attempts > 0) {
                 answerWhenOpen(seen, answer, attempts - 1);

@@ -3,7 +3,7 @@
 // asked, and every way the answer can come back.
 
 #include "DesktopFolderChooser.h"
-#include "FileDialogFolderChooser.h"
+#include "OpenFolderDialog.h"
 #include "PortalFolderChooser.h"
 
 #include <QApplication>
@@ -97,17 +97,6 @@ QVariantMap chosenUris(const QStringList& uris) {
     return {{QStringLiteral("uris"), uris}};
 }
 
-QFileDialog* openDialog() {
-    for (QWidget* widget : QApplication::topLevelWidgets()) {
-        auto* dialog = qobject_cast<QFileDialog*>(widget);
-        if (dialog && dialog->isVisible() &&
-            dialog->objectName() == FileDialogFolderChooser::dialogObjectName()) {
-            return dialog;
-        }
-    }
-    return nullptr;
-}
-
 // Whether a file dialog came up while `task` ran, and the task's answer; a dialog that comes
 // up is answered with `path` (or cancelled when it is empty).
 struct DialogRun {
@@ -120,7 +109,7 @@ DialogRun runWatchingForDialogs(QCoro::Task<std::optional<QString>> task, const 
     QTimer watch;
     watch.setInterval(10);
     QObject::connect(&watch, &QTimer::timeout, [&run, &path] {
-        QFileDialog* dialog = openDialog();
+        QFileDialog* dialog = OpenFolderDialog::find();
         if (!dialog) {
             return;
         }
