@@ -160,8 +160,7 @@ private slots:
         QCOMPARE(model.items.at(1).title, why);
         QVERIFY(!model.items.at(1).enabled);
         QVERIFY(model.items.at(2).separator);
-        QCOMPARE(model.toolTip(),
-                 QStringLiteral("Quillmar OS — Reconnecting in 8s\u2026\n") + why);
+        QCOMPARE(model.toolTip(), QStringLiteral("Quillmar OS — Reconnecting in 8s\u2026\n") + why);
         // Online, there is nothing to explain.
         const StatusMenuModel online = StatusMenuModel::build(
             true, true, QStringLiteral("Connected to Quillmar"), {}, true, why);
