@@ -158,7 +158,7 @@ session_start_display() {
 # session_icon_docked: whether the companion's tray icon sits in trayer's panel.
 session_icon_docked() {
     DISPLAY=$display xwininfo -root -tree 2>/dev/null \
-        | grep -q '("quillmar-companion" "app.quillmar.companion")'
+        | grep -q '("quillmar-companion" "Quillmar OS")'
 }
 
 # session_open_windows: how many of the companion's top-level windows are on screen.
